@@ -1,0 +1,20 @@
+# Installs the Debian packages a script needs and the machine lacks: one `apt-get update`, then
+# one install. Nothing happens when every package is present.
+ensure_packages() {
+  local missing=()
+  local pkg
+  for pkg in "$@"; do
+    if [ "$(dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null)" != "install ok installed" ]; then
+      missing+=("$pkg")
+    fi
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  local sudo=()
+  [ "$(id -u)" -ne 0 ] && sudo=(sudo)
+  echo "Installing missing packages: ${missing[*]}" >&2
+  "${sudo[@]}" apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}
+
+# Everything the build and the whole suite need.
+RETRA_BUILD_PACKAGES=(cmake g++ ninja-build pkg-config libgtest-dev libgmock-dev libuv1-dev)
