@@ -15,16 +15,18 @@ struct String::Rep {
   size_t length;
   char data[1];
 
-  static Rep* make(const char* bytes, size_t length) {
+  // A buffer of `length` bytes: the first `copied` from `bytes`, the rest left for the caller.
+  static Rep* make(const char* bytes, size_t length, size_t copied) {
     void* memory = std::malloc(offsetof(Rep, data) + length + 1);
     if (!memory) throw std::bad_alloc();
     Rep* rep = new (memory) Rep;
     rep->refs.store(1, std::memory_order_relaxed);
     rep->length = length;
-    if (length) std::memcpy(rep->data, bytes, length);
+    if (copied) std::memcpy(rep->data, bytes, copied);
     rep->data[length] = '\0';
     return rep;
   }
+  static Rep* make(const char* bytes, size_t length) { return make(bytes, length, length); }
 
   void newRef() {
     if (threadSafePointers()) {
@@ -87,7 +89,7 @@ String operator+(const String& a, const String& b) {
   if (a.empty()) return b;
   if (b.empty()) return a;
   String result;
-  result.rep_ = String::Rep::make(a.charPtr(), a.size() + b.size());
+  result.rep_ = String::Rep::make(a.charPtr(), a.size() + b.size(), a.size());
   std::memcpy(result.rep_->data + a.size(), b.charPtr(), b.size());
   return result;
 }
