@@ -216,3 +216,26 @@ TEST(NotifieeTest, OnlyOneEntityReactorIsActiveAtATime) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(NotifieeTest, DeleteAllLeavesWeakObserversWithoutADanglingNotifier) {
+  Log log;
+  int destroyed = 0;
+  auto counter = Orb::allocate<Counter>("c", &destroyed);
+  auto weak = Orb::allocate<Watcher>(&log, "w");
+  auto strong = Orb::allocate<Watcher>(&log, "s");
+  weak->isWeakReferenceIs(true);
+  weak->notifierIs(counter);
+  strong->notifierIs(counter);
+  counter->notifiees().deleteAll();
+  EXPECT_EQ(weak->notifierPtr(), nullptr);          // it would not hear of the end
+  EXPECT_EQ(strong->notifierPtr(), counter.ptr());  // still holds its reference
+  EXPECT_FALSE(strong->isInNotifieeList());
+  counter = nullptr;
+  EXPECT_EQ(destroyed, 0);
+  strong = nullptr;
+  EXPECT_EQ(destroyed, 1);
+}
+
+}  // namespace

@@ -76,6 +76,9 @@ class BaseNotifiee : public NotifieeBase {
   virtual void onNotifierConnected() {}
 
   void handleNotifierGone() override { notifier_ = nullptr; }
+  void handleDroppedFromList() override {
+    if (weak_) notifier_ = nullptr;  // a strong reference keeps the pointer valid
+  }
 
  private:
   void detach() {

@@ -1,6 +1,7 @@
 #include "Orb/NotifieeList.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "Orb/Trace.h"
 
@@ -55,12 +56,13 @@ void NotifieeList::deleteMember(NotifieeBase* member) {
 }
 
 void NotifieeList::deleteAll() {
-  for (NotifieeBase*& m : members_) {
+  for (size_t i = 0; i < members_.size(); ++i) {
+    NotifieeBase* m = std::exchange(members_[i], nullptr);
     if (!m) continue;
     m->inList_ = false;
-    m = nullptr;
+    --count_;
+    m->handleDroppedFromList();
   }
-  count_ = 0;
   if (!visits_) members_.clear();
 }
 

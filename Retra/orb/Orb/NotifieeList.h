@@ -30,6 +30,9 @@ class NotifieeBase : public PtrInterface {
   virtual void onNotificationException(const std::exception& e);
   // The notifier is being destroyed: drop every pointer to it.
   virtual void handleNotifierGone() = 0;
+  // The notifier dropped every observer (`deleteAll`) but lives on: an observer that holds it
+  // only weakly must forget it, since it will not hear of its end.
+  virtual void handleDroppedFromList() = 0;
 
  private:
   friend class NotifieeList;
