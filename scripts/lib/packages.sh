@@ -18,4 +18,5 @@ ensure_packages() {
 
 # Everything the build and the whole suite need.
 RETRA_BUILD_PACKAGES=(cmake g++ ninja-build pkg-config libgtest-dev libgmock-dev libuv1-dev
-  libc-ares-dev dnsmasq-base libcurl4-openssl-dev)
+  libc-ares-dev dnsmasq-base libcurl4-openssl-dev nginx-light openssl python3-httpbin
+  liburiparser-dev)

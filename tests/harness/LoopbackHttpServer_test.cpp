@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 
 #include "support/LoopbackHttpServer.h"
+#include "support/LoopbackSocket.h"
 
 namespace {
 
@@ -55,6 +57,41 @@ TEST(LoopbackHttpServerTest, HandlersWriteRawBytes) {
   std::string body;
   EXPECT_EQ(fetch(server.url("/cut"), &body), 0);  // the transfer fails: body cut short
   EXPECT_EQ(body, "only part");
+}
+
+}  // namespace
+
+namespace {
+
+TEST(LoopbackHttpServerTest, SlowHandlersHoldUpNoOtherConnectionAndEndAtDestruction) {
+  std::string silentReply = "unset";
+  std::thread silentClient;
+  {
+    RetraTest::LoopbackHttpServer server;
+    server.routeIs("/wait", [&server](int, const RetraTest::LoopbackHttpServer::Received&) {
+      server.waitUntilStopping();
+    });
+    server.routeIs("/quick", {200, {}, "quick"});
+    silentClient = std::thread([&] {
+      silentReply = RetraTest::LoopbackSocket::exchange(server.port(),
+                                                        "GET /wait HTTP/1.1\r\nHost: x\r\n\r\n",
+                                                        false, std::chrono::milliseconds(60000));
+    });
+    while (server.requests().empty()) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    std::string body;
+    EXPECT_EQ(fetch(server.url("/quick"), &body), 200);
+    EXPECT_EQ(body, "quick");
+    EXPECT_EQ(server.connections(), 2u);
+
+    // A POST that asks to continue is told to, rather than left to wait for a timeout.
+    std::string reply = RetraTest::LoopbackSocket::exchange(
+        server.port(),
+        "POST /quick HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\nExpect: 100-continue\r\n\r\n",
+        false, std::chrono::milliseconds(1000));
+    EXPECT_EQ(reply.rfind("HTTP/1.1 100 Continue\r\n\r\n", 0), 0u) << reply;
+  }
+  silentClient.join();
+  EXPECT_EQ(silentReply, "");  // closed by the server's destruction, with no answer
 }
 
 }  // namespace

@@ -70,7 +70,15 @@ bool readRequest(int socket, LoopbackHttpServer::Received* out) {
   }
   size_t length = 0;
   if (auto it = out->headers.find("content-length"); it != out->headers.end()) {
-    length = std::stoul(it->second);
+    try {
+      length = std::stoul(it->second);
+    } catch (const std::exception&) {
+      return false;
+    }
+  }
+  if (auto it = out->headers.find("expect");
+      it != out->headers.end() && lower(it->second) == "100-continue" && rest.size() < length) {
+    LoopbackHttpServer::sendAll(socket, "HTTP/1.1 100 Continue\r\n\r\n");
   }
   while (rest.size() < length) {
     ssize_t n = ::recv(socket, buffer, sizeof buffer, 0);
@@ -114,27 +122,40 @@ LoopbackHttpServer::LoopbackHttpServer(bool ipv6) : ipv6_(ipv6) {
 }
 
 LoopbackHttpServer::~LoopbackHttpServer() {
+  {
+    std::lock_guard lock(mutex_);
+    isStopping_ = true;
+  }
+  stopping_.notify_all();
   char byte = 0;
   (void)!::write(wake_[1], &byte, 1);
   thread_.join();
+  {
+    // Ends reads and writes that block on a peer; the threads close their sockets themselves.
+    std::lock_guard lock(mutex_);
+    for (auto& connection : open_) {
+      if (connection.socket >= 0) ::shutdown(connection.socket, SHUT_RDWR);
+    }
+  }
+  for (auto& connection : open_) connection.thread.join();
   ::close(listener_);
   ::close(wake_[0]);
   ::close(wake_[1]);
 }
 
 std::string LoopbackHttpServer::url(const std::string& path) const {
-  return std::string(ipv6_ ? "http://[::1]:" : "http://127.0.0.1:") + std::to_string(port_) +
-         path;
+  return std::string(ipv6_ ? "http://[::1]:" : "http://127.0.0.1:") + std::to_string(port_) + path;
 }
 
 void LoopbackHttpServer::routeIs(const std::string& path, Answer answer) {
-  routeIs(path, [answer](int socket, const Received&) {
-    std::string out = "HTTP/1.1 " + std::to_string(answer.status) + " " + reason(answer.status) +
-                      "\r\nContent-Length: " + std::to_string(answer.body.size()) + "\r\n";
-    for (const auto& [name, value] : answer.headers) out += name + ": " + value + "\r\n";
-    out += "Connection: close\r\n\r\n" + answer.body;
-    sendAll(socket, out);
-  });
+  routeIs(path, [bytes = bytesOf(answer)](int socket, const Received&) { sendAll(socket, bytes); });
+}
+
+std::string LoopbackHttpServer::bytesOf(const Answer& answer) {
+  std::string out = "HTTP/1.1 " + std::to_string(answer.status) + " " + reason(answer.status) +
+                    "\r\nContent-Length: " + std::to_string(answer.body.size()) + "\r\n";
+  for (const auto& [name, value] : answer.headers) out += name + ": " + value + "\r\n";
+  return out + "Connection: close\r\n\r\n" + answer.body;
 }
 
 void LoopbackHttpServer::routeIs(const std::string& path, Handler handler) {
@@ -147,16 +168,28 @@ std::vector<LoopbackHttpServer::Received> LoopbackHttpServer::requests() const {
   return requests_;
 }
 
-void LoopbackHttpServer::sendAll(int socket, const std::string& bytes) {
+bool LoopbackHttpServer::pauseFor(std::chrono::milliseconds duration) {
+  std::unique_lock lock(mutex_);
+  return !stopping_.wait_for(lock, duration, [this] { return isStopping_; });
+}
+
+void LoopbackHttpServer::waitUntilStopping() {
+  std::unique_lock lock(mutex_);
+  stopping_.wait(lock, [this] { return isStopping_; });
+}
+
+bool LoopbackHttpServer::sendAll(int socket, const std::string& bytes) {
   size_t sent = 0;
   while (sent < bytes.size()) {
     ssize_t n = ::send(socket, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-    if (n <= 0) return;
+    if (n <= 0) return false;
     sent += size_t(n);
   }
+  return true;
 }
 
-// One connection at a time is enough for tests; each is answered and closed.
+// Each connection gets a thread of its own, joined once it has finished (here, as later
+// connections arrive) or at destruction.
 void LoopbackHttpServer::serve() {
   pollfd fds[2] = {{listener_, POLLIN, 0}, {wake_[0], POLLIN, 0}};
   while (true) {
@@ -166,9 +199,35 @@ void LoopbackHttpServer::serve() {
     int socket = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
     if (socket < 0) continue;
     ++connections_;
-    handle(socket);
-    ::close(socket);
+    joinFinished();
+    std::lock_guard lock(mutex_);
+    Connection& connection = open_.emplace_back();
+    connection.socket = socket;
+    connection.thread = std::thread([this, &connection, socket] {
+      try {
+        handle(socket);
+      } catch (...) {
+        // A handler that throws only loses its own connection.
+      }
+      std::lock_guard lock(mutex_);
+      ::close(socket);
+      connection.socket = -1;
+      connection.done = true;
+    });
   }
+}
+
+void LoopbackHttpServer::joinFinished() {
+  std::list<Connection> finished;
+  {
+    std::lock_guard lock(mutex_);
+    for (auto it = open_.begin(); it != open_.end();) {
+      auto next = std::next(it);
+      if (it->done) finished.splice(finished.end(), open_, it);
+      it = next;
+    }
+  }
+  for (auto& connection : finished) connection.thread.join();
 }
 
 void LoopbackHttpServer::handle(int socket) {
