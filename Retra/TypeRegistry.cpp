@@ -1,6 +1,8 @@
 #include "Retra/TypeRegistry.h"
 
 #include "Orb/TypeNode.h"
+#include "Retra/engine/RetraSm.h"
+#include "Retra/engine/Root.h"
 #include "Retra/model/Enumerations.h"
 #include "Retra/model/Request.h"
 #include "Retra/model/RequestCounter.h"
@@ -9,26 +11,26 @@
 #include "Retra/model/RequestTimer.h"
 #include "Retra/model/Response.h"
 #include "Retra/model/ResponseDir.h"
+#include "Retra/request/RequestSm.h"
 
 namespace Retra {
 
 void registerTypes() {
-  // The entity model: enumerations and the key, then requests, responses and their children.
-  Orb::typeNodeIs(&descriptorOf(Method{}));
-  Orb::typeNodeIs(&descriptorOf(Error{}));
+  Orb::typeNodeIs(RetraSm::staticTypeNode());
+  Orb::typeNodeIs(RequestTimer::staticTypeNode());
+  Orb::typeNodeIs(ResponseDir::staticTypeNode());
+  Orb::typeNodeIs(&descriptorOf(HttpAuthenticationType{}));
   Orb::typeNodeIs(&descriptorOf(RequestState{}));
   Orb::typeNodeIs(&descriptorOf(Scheme{}));
-  Orb::typeNodeIs(&descriptorOf(HttpAuthenticationType{}));
-  Orb::typeNodeIs(RequestKey::typeNode());
   Orb::typeNodeIs(Request::typeNode());
+  Orb::typeNodeIs(&descriptorOf(Error{}));
+  Orb::typeNodeIs(RequestKey::typeNode());
+  Orb::typeNodeIs(Root::staticTypeNode());
   Orb::typeNodeIs(RequestDir::staticTypeNode());
   Orb::typeNodeIs(Response::staticTypeNode());
-  Orb::typeNodeIs(ResponseDir::staticTypeNode());
+  Orb::typeNodeIs(RequestSm::staticTypeNode());
   Orb::typeNodeIs(RequestCounter::staticTypeNode());
-  Orb::typeNodeIs(RequestTimer::staticTypeNode());
-
-  // ---- The engine's and the request state machine's types are registered here, after the
-  // ---- model's (Root, RetraSm, RequestSm, ...).
+  Orb::typeNodeIs(&descriptorOf(Method{}));
 }
 
 namespace {

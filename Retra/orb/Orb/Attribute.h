@@ -70,6 +70,10 @@
 //   DIRECTORY(name, Key, Value, onName, onNameImmediate)
 //                                     a collection whose members and mutators the type writes
 //                                     itself; the kit declares only the callbacks.
+//   HELD(name, Type, onName)          one object the type holds (a reactor, a directory, a
+//                                     service) and replaces through setters it writes itself,
+//                                     which call `onName()` on a change; the kit declares the
+//                                     callback, the member `name_` (Type{}) and the getter.
 //   DERIVED(name, Type), OPERATION(name, Type)
 //                                     numbered only; the type writes the getter or operation.
 //
@@ -77,6 +81,10 @@
 //
 // Mutators that notify several times keep the entity alive until they are done, so that an
 // observer may drop the last reference to it from a callback.
+//
+// The entity kinds need of their owner only `notifiees()` (and, for CHILD, that it is an
+// `Orb::Entity`), so a counted state machine that is no entity (a `PtrInterface` with a
+// `NotifieeList`) declares its attributes with them as well.
 
 // -- Numbers and the attribute table -------------------------------------------------------------
 
@@ -113,6 +121,8 @@
 #define ORB_NOTIFIEE_CALLBACKS_DIRECTORY(name, Key, Value, onName, onNameImmediate) \
   virtual void onName(::Orb::ParamType<Key>) {}                                     \
   virtual void onNameImmediate() {}
+#define ORB_NOTIFIEE_CALLBACKS_HELD(name, Type, onName) \
+  virtual void onName() {}
 
 // -- Entity getters and mutators (public section of the entity) ----------------------------------
 
@@ -120,6 +130,10 @@
 #define ORB_ENTITY_ACCESSORS_DERIVED(...)
 #define ORB_ENTITY_ACCESSORS_OPERATION(...)
 #define ORB_ENTITY_ACCESSORS_DIRECTORY(...)
+#define ORB_ENTITY_ACCESSORS_HELD(name, Type, onName) \
+  [[nodiscard]] const Type& name() const noexcept {   \
+    return name##_;                                   \
+  }
 #define ORB_ENTITY_ACCESSORS_FIXED(name, Type)                 \
   [[nodiscard]] ::Orb::ParamType<Type> name() const noexcept { \
     return name##_;                                            \
@@ -175,6 +189,7 @@
 #define ORB_ENTITY_MEMBERS_DERIVED(...)
 #define ORB_ENTITY_MEMBERS_OPERATION(...)
 #define ORB_ENTITY_MEMBERS_DIRECTORY(...)
+#define ORB_ENTITY_MEMBERS_HELD(name, Type, onName) Type name##_{};
 #define ORB_ENTITY_MEMBERS_FIXED(name, Type) Type name##_;
 #define ORB_ENTITY_MEMBERS_SCALAR(name, Type, nameIs, onName, initial) Type name##_ = initial;
 #define ORB_ENTITY_MEMBERS_COUNTER(name, Type, nameIs, nameInc, onName, initial) \
@@ -285,21 +300,22 @@ template <class K, class V>
   return it == map.end() ? V{} : it->second;
 }
 
-// Holds a reference to an entity for the length of one mutator, so that an observer dropping
-// the last reference from a callback does not destroy the entity under the mutator's feet.
-// An entity no pointer holds yet is left alone.
+// Holds a reference to an entity (or any counted notifier) for the length of one mutator, so
+// that an observer dropping the last reference from a callback does not destroy the entity
+// under the mutator's feet. An entity no pointer holds yet is left alone.
 class KeepAlive {
  public:
-  explicit KeepAlive(const Entity& e) : entity_(e.references() ? &e : nullptr) {}
+  explicit KeepAlive(const PtrInterface& e) : entity_(e.references() ? &e : nullptr) {}
 
  private:
-  Ptr<const Entity> entity_;
+  Ptr<const PtrInterface> entity_;
 };
 
 // Tells the observers of `entity` that the member `key` of a collection changed: first the keyed
-// callback, then the immediate one.
-template <class N, class K>
-void notifyMember(const Entity& entity, void (N::*onMember)(ParamType<K>), void (N::*onImmediate)(),
+// callback, then the immediate one. `Owner` is an entity or any counted type with
+// `notifiees()`.
+template <class Owner, class N, class K>
+void notifyMember(const Owner& entity, void (N::*onMember)(ParamType<K>), void (N::*onImmediate)(),
                   const K& key) {
   KeepAlive keep(entity);
   const K member = key;  // `key` may live in the map, which an observer may change
@@ -308,15 +324,15 @@ void notifyMember(const Entity& entity, void (N::*onMember)(ParamType<K>), void 
 }
 
 // Collection mutators of entities; see COLLECTION above.
-template <class N, class K, class V>
-void memberIs(const Entity& entity, HashMap<K, V>& map, const K& key, const V& value,
+template <class Owner, class N, class K, class V>
+void memberIs(const Owner& entity, HashMap<K, V>& map, const K& key, const V& value,
               void (N::*onMember)(ParamType<K>), void (N::*onImmediate)()) {
   auto [it, added] = map.try_emplace(key, value);
   if (added || assignIfChanged(it->second, value)) notifyMember(entity, onMember, onImmediate, key);
 }
 
-template <class N, class K, class V>
-bool memberDel(const Entity& entity, HashMap<K, V>& map, const K& key,
+template <class Owner, class N, class K, class V>
+bool memberDel(const Owner& entity, HashMap<K, V>& map, const K& key,
                void (N::*onMember)(ParamType<K>), void (N::*onImmediate)()) {
   const K removed = key;  // `key` may live in the member being erased
   if (map.erase(removed) == 0) return false;
@@ -324,8 +340,8 @@ bool memberDel(const Entity& entity, HashMap<K, V>& map, const K& key,
   return true;
 }
 
-template <class N, class K, class V>
-void memberDelAll(const Entity& entity, HashMap<K, V>& map, void (N::*onMember)(ParamType<K>),
+template <class Owner, class N, class K, class V>
+void memberDelAll(const Owner& entity, HashMap<K, V>& map, void (N::*onMember)(ParamType<K>),
                   void (N::*onImmediate)(), void (N::*onCollection)()) {
   if (map.empty()) return;
   KeepAlive keep(entity);

@@ -1,0 +1,70 @@
+// The request state machine's transfer: dispatch, harvest, refresh scheduling and teardown.
+
+#include <curl/curl.h>
+
+#include <cstdio>
+
+#include "Retra/engine/RetraSm.h"
+#include "Retra/internal/LibTrace.h"
+#include "Retra/request/CurlCallbackData.h"
+#include "Retra/request/RequestSm.h"
+
+namespace Retra {
+
+void RequestSm::doCurlDispatchRequest() {
+  // Configuring the easy handle and adding it to the multi handle are still to be added here.
+}
+
+void RequestSm::doCurlBuildHttpHeader() {
+  // Building the request header list is still to be added here.
+}
+
+void RequestSm::doCurlGetInfo() {
+  auto* cd = static_cast<CurlCallbackData*>(curlData_);
+  RETRA_ASSERT(cd);
+  RETRA_ASSERT(cd->curlMultiHandle);
+  RETRA_ASSERT(cd->curlHandle);
+  // Reading the transfer's status, error, statistics and timings into the response, and
+  // removing the easy handle from the multi handle, are still to be added here.
+}
+
+void RequestSm::doScheduleRefresh() {
+  const Orb::Ptr<Response> response = this->response();
+  if (!response || !retraSm_) return;
+  const double deadline =
+      response->lastUpdateTime() + static_cast<double>(response->timeoutRefresh());
+  retraSm_->nudgeRefreshClock(deadline);
+}
+
+void RequestSm::doCurlShutdown() {
+  auto* cd = static_cast<CurlCallbackData*>(curlData_);
+  RETRA_ASSERT(cd);
+  const Orb::Ptr<Response> response = this->response();
+  if (cd->headerList) {
+    RETRA_TRACE_SM(9, this, "] freeing curl request header list");
+    curl_slist_free_all(cd->headerList);
+    cd->headerList = nullptr;
+  }
+  if (cd->resolveList) {
+    RETRA_TRACE_SM(9, this, "] freeing curl resolve option list");
+    curl_slist_free_all(cd->resolveList);
+    cd->resolveList = nullptr;
+  }
+  if (cd->curlHandle) {
+    RETRA_TRACE_SM(9, this,
+                   "] cleaning up curl easy handle " << static_cast<void*>(cd->curlHandle));
+    curl_easy_cleanup(cd->curlHandle);
+    cd->curlHandle = nullptr;
+  }
+  if (cd->outputFile) {
+    RETRA_TRACE_SM(
+        9, this, "] closing output file: " << (response ? response->outputPath() : Orb::String()));
+    std::fclose(cd->outputFile);
+    cd->outputFile = nullptr;
+  }
+  if (!response) return;
+  (void)response->counterIs()->numFinishInc(1);
+  response->requestStateIs(stateFinished);
+}
+
+}  // namespace Retra
