@@ -20,7 +20,7 @@ struct Registry {
   std::vector<TraceHandle*> handles;
   std::ostream* output = nullptr;
   std::ofstream file;
-  std::optional<std::string> spec;  // set by configurationIs; else ORB_TRACE applies
+  std::optional<std::string> configuration;  // set by configurationIs; else ORB_TRACE applies
 };
 
 Registry& registry() {
@@ -58,12 +58,12 @@ uint32_t parseLevels(std::string_view text) {
 
 }  // namespace
 
-uint32_t TraceHandle::levelsFor(std::string_view spec, std::string_view facility) {
+uint32_t TraceHandle::levelsFor(std::string_view text, std::string_view facility) {
   uint32_t mask = 0;
-  while (!spec.empty()) {
-    auto comma = spec.find(',');
-    std::string_view item = spec.substr(0, comma);
-    spec = comma == std::string_view::npos ? std::string_view() : spec.substr(comma + 1);
+  while (!text.empty()) {
+    auto comma = text.find(',');
+    std::string_view item = text.substr(0, comma);
+    text = comma == std::string_view::npos ? std::string_view() : text.substr(comma + 1);
     auto slash = item.find('/');
     std::string_view name = item.substr(0, slash);
     std::string_view levels =
@@ -77,10 +77,10 @@ TraceHandle::TraceHandle(String facility, bool fromEnvironment) : facility_(std:
   Registry& r = registry();
   std::lock_guard lock(r.mutex);
   if (fromEnvironment) {
-    if (r.spec) {
-      levels_ = levelsFor(*r.spec, facility_.view());
-    } else if (const char* spec = std::getenv("ORB_TRACE")) {
-      levels_ = levelsFor(spec, facility_.view());
+    if (r.configuration) {
+      levels_ = levelsFor(*r.configuration, facility_.view());
+    } else if (const char* text = std::getenv("ORB_TRACE")) {
+      levels_ = levelsFor(text, facility_.view());
     }
   }
   r.handles.push_back(this);
@@ -92,11 +92,11 @@ TraceHandle::~TraceHandle() {
   std::erase(r.handles, this);
 }
 
-void TraceHandle::configurationIs(std::string_view spec) {
+void TraceHandle::configurationIs(std::string_view text) {
   Registry& r = registry();
   std::lock_guard lock(r.mutex);
-  r.spec = std::string(spec);
-  for (TraceHandle* h : r.handles) h->levels_ = levelsFor(spec, h->facility_.view());
+  r.configuration = std::string(text);
+  for (TraceHandle* h : r.handles) h->levels_ = levelsFor(text, h->facility_.view());
 }
 
 void TraceHandle::outputIs(std::ostream* out) {

@@ -37,9 +37,9 @@ class TraceHandle {
 
   // Applies a configuration text in the ORB_TRACE form to every live handle and to handles made
   // later (tests, hosts); it replaces ORB_TRACE from then on.
-  static void configurationIs(std::string_view spec);
+  static void configurationIs(std::string_view text);
   // Levels a configuration text enables for one facility, as a bit mask.
-  [[nodiscard]] static uint32_t levelsFor(std::string_view spec, std::string_view facility);
+  [[nodiscard]] static uint32_t levelsFor(std::string_view text, std::string_view facility);
   // Where lines go; null restores the default (ORB_TRACE_FILE or stderr).
   static void outputIs(std::ostream* out);
 
