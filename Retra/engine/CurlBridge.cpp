@@ -14,8 +14,6 @@
 #include "Retra/engine/CurlSocketData.h"
 #include "Retra/engine/RetraSm.h"
 #include "Retra/internal/LibTrace.h"
-#include "Retra/request/CurlCallbackData.h"
-#include "Retra/request/RequestSm.h"
 
 namespace Retra {
 
@@ -142,24 +140,6 @@ void RetraSm::nudgeTimeoutClock(const double& deadline) {
   RETRA_TRACE(9, "nudgeTimeoutClock"
                      << " setting curl timeout clock to: " << deadline);
   timeoutClock_->timeMinIs(deadline);
-}
-
-void RetraSm::doCurlReadInfo() {
-  // Collection of finished transfers. Still to be added for each one: raising the response to
-  // at least stateRecvHeader, harvest (`RequestSm::doCurlGetInfo`), teardown
-  // (`RequestSm::doCurlShutdown`) and the release of the record, through `curlDataFree`, which
-  // leaves alone a record its state machine has already handed back.
-  CURLM* multi = static_cast<CURLM*>(curlMultiHandle_);
-  int remaining = 0;
-  while (CURLMsg* message = curl_multi_info_read(multi, &remaining)) {
-    RETRA_TRACE(9, remaining << " further curl response messages");
-    if (message->msg != CURLMSG_DONE || !message->easy_handle) continue;
-    const Orb::Ptr<RequestSm> sm = requestSm(curlHandle(message->easy_handle));
-    if (!sm) continue;
-    auto* cd = static_cast<CurlCallbackData*>(sm->curlData());
-    RETRA_ASSERT(cd);
-    cd->result = message->data.result;
-  }
 }
 
 // ---- socket and socketFd

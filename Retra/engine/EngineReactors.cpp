@@ -1,10 +1,12 @@
-// The engine's reactors on its directories and clocks, the response reactors and the refresh
-// clock's side of the engine.
+// The engine's reactors on its directories and clocks, and the response reactors' dispatch and
+// close of their requests.
 
 #include <vector>
 
+#include "Orb/Seconds.h"
 #include "Retra/engine/RetraSm.h"
 #include "Retra/internal/LibTrace.h"
+#include "Retra/request/RequestSm.h"
 
 namespace Retra {
 
@@ -51,8 +53,37 @@ void RetraSm::OrbRetraResponseReactor::onRequestState() {
   handleRequestState(response_->requestKey());
 }
 
-void RetraSm::OrbRetraResponseReactor::handleRequestState(const RequestKey&) {
-  // Dispatch of ready requests and the close of finished ones are still to be added here.
+void RetraSm::OrbRetraResponseReactor::handleRequestState(const RequestKey& key) {
+  RetraSm* engine = engine_;
+  // Dispatch and close may drop this reactor (a client reacting to the response).
+  const Orb::Ptr<OrbRetraResponseReactor> self(this);
+  const Orb::Ptr<RequestSm> sm = engine->requestSm(key);
+  const Orb::Seconds now = Orb::System::currentTime();
+  const RequestState state = response_->requestState();
+  RETRA_TRACE_SM(3, sm, "] state=" << state);
+  if (!sm) {
+    // A machine being replaced or withdrawn finishes its response on its way out.
+    RETRA_TRACE(9, "[" << static_cast<const void*>(this) << "] bad RequestSm handle");
+    return;
+  }
+  if (state == stateDispatchReady) {
+    sm->doCurlDispatchRequest();
+    return;
+  }
+  if (state != stateFinished) return;
+  // The reactor watches its response read-only; the engine writes it through its directory.
+  const Orb::Ptr<Response> response = engine->retraResponse()->directory()->response(key);
+  if (!response) return;
+  RETRA_TRACE_SM(9, sm, "] lastUpdateTimeIs( " << now << " )");
+  response->lastUpdateTimeIs(now);
+  if (sm->changed()) {
+    RETRA_TRACE_SM(9, sm, "] lastChangeTimeIs( " << now << " )");
+    response->lastChangeTimeIs(now);
+  }
+  // A cancelled or never started transfer is not fetched again by itself.
+  const Error error = response->lastError();
+  if (error != errCurlInit && error != errCancel) sm->doScheduleRefresh();
+  (void)engine->requestSmDel(key);
 }
 
 // ---- The clocks
@@ -68,16 +99,6 @@ void RetraSm::OrbRefreshClock::onNotifierConnected() {
 
 void RetraSm::OrbTimeoutClock::onTime() {
   if (engine_) engine_->handleTimeout();
-}
-
-void RetraSm::handleRefreshTimer() {
-  // The refresh scan over all requests is still to be added here.
-}
-
-void RetraSm::nudgeRefreshClock(const double& t) {
-  RETRA_TRACE(9, "nudgeRefreshClock"
-                     << " setting refresh clock to: " << t);
-  refreshClock_->timeMinIs(t);
 }
 
 // ---- Sockets

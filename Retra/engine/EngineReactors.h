@@ -58,7 +58,10 @@ class RetraSm::OrbRetraResponseReactor : public Response::NotifieeConst {
   void engineIs(RetraSm* engine) noexcept { engine_ = engine; }
 
   void onRequestState() override;
-  // Dispatches a ready request and closes a finished one; still to be filled in.
+  // `stateDispatchReady` dispatches the key's machine. `stateFinished` stamps `lastUpdateTime`
+  // (and `lastChangeTime` when the machine saw a change), schedules the refresh unless the
+  // error is `errCurlInit` or `errCancel`, and drops the machine. A key without machine (one
+  // being replaced or withdrawn) is only traced.
   void handleRequestState(const RequestKey& key);
 
  protected:

@@ -208,8 +208,10 @@ class RetraSm : public Orb::PtrInterface {
   void handleTimeout();
   // Sets libcurl's one wake time (absolute seconds) on the timeout clock.
   void nudgeTimeoutClock(const double& deadline);
-  // Reads libcurl's completion messages and stores each finished transfer's result code in
-  // its record. Harvest and teardown of finished transfers are still to be added here.
+  // Completes every transfer libcurl reports finished, in libcurl's order: the response is raised
+  // to at least `stateRecvHeader`, the result code goes into the record, the request's machine
+  // harvests (`doCurlGetInfo`) and tears down (`doCurlShutdown`), and the record is released
+  // (TransferCompletion.cpp).
   void doCurlReadInfo();
 
   // ---- Request intake (RequestIntake.cpp)
@@ -232,9 +234,13 @@ class RetraSm : public Orb::PtrInterface {
   // Adds the record's addresses to the response (addresses are only ever added).
   void hostResolutionIs(Response& response, const Dnsr::ResolutionRecord& record);
 
-  // ---- Refresh (EngineReactors.cpp)
+  // ---- Refresh (RefreshScan.cpp)
 
-  // The refresh scan over all requests; still to be filled in.
+  // The refresh scan over all requests, in the request directory's order: the first response
+  // found in `stateNotInit` is taken in again and the scan ends there, re-arming the clock for
+  // now (one restart per wake-up); ready responses are dispatched; finished ones whose
+  // `timeoutRefresh` has run out since `lastUpdateTime` are taken in again. The clock is then
+  // armed for the earliest refresh deadline still ahead, if any.
   void handleRefreshTimer();
   // Sets the refresh clock's wake time.
   void nudgeRefreshClock(const double& t);

@@ -95,19 +95,27 @@ class RequestSm : public Orb::PtrInterface {
   void handleResponseStatusCode();
   void handleResponseLastError();
 
-  // Configures the easy handle and adds it to the multi handle; still to be filled in.
+  // Configures the record's easy handle from the response (resolve list from the resolved
+  // addresses, credentials, TLS, time-outs, the transfer callbacks, body, method, header lines,
+  // URL) and adds it to the record's multi handle; the response ends in `stateSendHeader`. When
+  // the multi handle refuses it: `errCurlAddHandle` and teardown. A null record, multi handle or
+  // easy handle is fatal.
   void doCurlDispatchRequest();
-  // Builds the request header list; still to be filled in.
+  // Appends one "name: value" line per request header to the record's header list and sets
+  // `stateSendHeader`; part of dispatch.
   void doCurlBuildHttpHeader();
-  // Publishes the finished transfer's status, error, statistics and timings; still to be filled
-  // in (only its preconditions are checked).
+  // Harvest of a finished transfer, whose result code the engine has stored in the record:
+  // status code, error classification, effective URL, content type and lengths, and the
+  // counter's and timer's statistics (added up over fetches); then the easy handle leaves the
+  // multi handle. A null record, multi handle or easy handle is fatal.
   void doCurlGetInfo();
   // Arms the engine's refresh clock for the response's `lastUpdateTime` plus its
   // `timeoutRefresh`.
   void doScheduleRefresh();
-  // Tears the transfer down: frees the header and resolve lists, cleans the easy handle up,
-  // closes the output file (each only if present), then counts `numFinish` and sets
-  // `stateFinished`. A null `curlData` is fatal.
+  // Tears the transfer down: takes a still running transfer out of the engine's multi handle,
+  // frees the header and resolve lists, cleans the easy handle up, closes the output file (each
+  // only if present), then counts `numFinish` and sets `stateFinished`. A null `curlData` is
+  // fatal.
   void doCurlShutdown();
 
   // Sets `initialized`.

@@ -1,4 +1,4 @@
-// The request state machine's transfer: dispatch, harvest, refresh scheduling and teardown.
+// The request state machine's transfer after harvest: refresh scheduling and teardown.
 
 #include <curl/curl.h>
 
@@ -10,23 +10,6 @@
 #include "Retra/request/RequestSm.h"
 
 namespace Retra {
-
-void RequestSm::doCurlDispatchRequest() {
-  // Configuring the easy handle and adding it to the multi handle are still to be added here.
-}
-
-void RequestSm::doCurlBuildHttpHeader() {
-  // Building the request header list is still to be added here.
-}
-
-void RequestSm::doCurlGetInfo() {
-  auto* cd = static_cast<CurlCallbackData*>(curlData_);
-  RETRA_ASSERT(cd);
-  RETRA_ASSERT(cd->curlMultiHandle);
-  RETRA_ASSERT(cd->curlHandle);
-  // Reading the transfer's status, error, statistics and timings into the response, and
-  // removing the easy handle from the multi handle, are still to be added here.
-}
 
 void RequestSm::doScheduleRefresh() {
   const Orb::Ptr<Response> response = this->response();
@@ -40,6 +23,14 @@ void RequestSm::doCurlShutdown() {
   auto* cd = static_cast<CurlCallbackData*>(curlData_);
   RETRA_ASSERT(cd);
   const Orb::Ptr<Response> response = this->response();
+  if (cd->curlHandle && cd->curlMultiHandle && retraSm_ &&
+      retraSm_->curlMultiHandle() == cd->curlMultiHandle) {
+    // A transfer still running (its machine goes while it runs) leaves the multi handle first:
+    // libcurl's cleanup of an easy handle inside a multi handle would keep its half-used
+    // connection for the next transfer to the same host. A handle already removed, or never
+    // added, is left as it is.
+    curl_multi_remove_handle(cd->curlMultiHandle, cd->curlHandle);
+  }
   if (cd->headerList) {
     RETRA_TRACE_SM(9, this, "] freeing curl request header list");
     curl_slist_free_all(cd->headerList);

@@ -16,7 +16,7 @@ ensure_packages() {
   DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
 }
 
-# Everything the build and the whole suite need.
+# Everything the build, the whole suite, the install check and the demo need.
 RETRA_BUILD_PACKAGES=(cmake g++ ninja-build pkg-config libgtest-dev libgmock-dev libuv1-dev
   libc-ares-dev dnsmasq-base libcurl4-openssl-dev nginx-light openssl python3-httpbin
-  liburiparser-dev)
+  liburiparser-dev libcli11-dev nlohmann-json3-dev make python3)

@@ -163,22 +163,25 @@ TEST_F(CurlBridgeTest, TimeoutAfterShutdownLeavesLibcurlAlone) {
 TEST_F(CurlBridgeTest, LoopDrivesARealTransferThroughTheBridge) {
   RetraTest::LoopbackHttpServer server;
   server.routeIs("/hello", {200, {{"Content-Type", "text/plain"}}, "hello, bridge"});
-  const RequestKey key = requestIs(server.url("/hello"));
-  ASSERT_EQ(response(key)->requestState(), Retra::stateDispatchReady);
+  // A host name the silent resolver never answers: the engine does not dispatch it itself.
+  const RequestKey key = requestIs("http://bridge.test/hello");
+  ASSERT_EQ(response(key)->requestState(), Retra::stateDnsResolving);
 
-  // The request's own record and easy handle, added to the engine's multi handle by hand.
+  // The request's own record and easy handle, aimed at the server and added to the engine's
+  // multi handle by hand.
   auto* cd = static_cast<Retra::CurlCallbackData*>(engine_->retraCurl(key));
   ASSERT_NE(cd, nullptr);
   Download download{engine_.ptr(), {}};
   curl_easy_setopt(cd->curlHandle, CURLOPT_URL, server.url("/hello").c_str());
   curl_easy_setopt(cd->curlHandle, CURLOPT_WRITEFUNCTION, appendBody);
   curl_easy_setopt(cd->curlHandle, CURLOPT_WRITEDATA, &download);
-  cd->result = CURLE_OBSOLETE46;  // not a code a finished transfer reports
   ASSERT_EQ(curl_multi_add_handle(static_cast<CURLM*>(cd->curlMultiHandle), cd->curlHandle),
             CURLM_OK);
 
-  ASSERT_TRUE(EngineTest::runUntil([&] { return cd->result != CURLE_OBSOLETE46; }, 10.0));
-  EXPECT_EQ(cd->result, CURLE_OK);
+  // Completion harvests the transfer into the response (and releases the record).
+  ASSERT_TRUE(EngineTest::runUntil([&] { return response(key)->finished(); }, 10.0));
+  EXPECT_EQ(response(key)->statusCode(), 200);
+  EXPECT_EQ(response(key)->lastError(), Retra::errNone);
   EXPECT_EQ(download.body, "hello, bridge");
   ASSERT_EQ(server.requests().size(), 1u);
   EXPECT_EQ(server.requests()[0].target, "/hello");

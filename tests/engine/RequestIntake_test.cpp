@@ -25,6 +25,16 @@ std::string pointerText(const void* p) {
   return out.str();
 }
 
+// The trace prefix of the state machine built for `uri`, read from its build line: a request
+// that fails intake has its machine dropped again before the test can ask for it.
+std::string builtPrefix(const EngineTest::TraceCapture& trace, const std::string& uri) {
+  const std::string built = "] building state machine for GET " + uri;
+  for (const std::string& message : trace.messages()) {
+    if (message.ends_with(built)) return message.substr(0, message.size() - built.size()) + "] ";
+  }
+  return "<no machine built for " + uri + ">";
+}
+
 // Notes the response's lastError each time its requestState changes.
 class StateWatch : public Response::NotifieeConst {
  public:
@@ -54,7 +64,8 @@ TEST_F(RequestIntakeTest, Ipv4LiteralIsReadyAtOnceWithTheRequestsSettings) {
 
   auto response = this->response("http://127.0.0.1/index.html");
   ASSERT_TRUE(response);
-  EXPECT_EQ(response->requestState(), Retra::stateDispatchReady);
+  // Ready, and so dispatched at once by the response's reactor.
+  EXPECT_EQ(response->requestState(), Retra::stateSendHeader);
   EXPECT_EQ(response->lastError(), Retra::errNone);
   EXPECT_TRUE(response->resolved());
   EXPECT_EQ(response->port(), 80);
@@ -99,7 +110,7 @@ TEST_F(RequestIntakeTest, Ipv6LiteralTakesTheSchemesDefaultPort) {
   requestIs("http://[::1]:8080/b");
   auto secure = response("https://[::1]/a");
   ASSERT_TRUE(secure);
-  EXPECT_EQ(secure->requestState(), Retra::stateDispatchReady);
+  EXPECT_EQ(secure->requestState(), Retra::stateSendHeader);
   EXPECT_EQ(secure->port(), 443);
   EXPECT_EQ(secure->scheme(), Retra::https);
   EXPECT_TRUE(secure->resolved());
@@ -107,7 +118,7 @@ TEST_F(RequestIntakeTest, Ipv6LiteralTakesTheSchemesDefaultPort) {
   auto plain = response("http://[::1]:8080/b");
   ASSERT_TRUE(plain);
   EXPECT_EQ(plain->port(), 8080);
-  EXPECT_EQ(plain->requestState(), Retra::stateDispatchReady);
+  EXPECT_EQ(plain->requestState(), Retra::stateSendHeader);
   EXPECT_TRUE(root_->dnsrRequest()->request().empty());
 }
 
@@ -146,10 +157,10 @@ TEST_F(RequestIntakeTest, BadUrisFinishWithUriParseAndStoreNothing) {
     EXPECT_TRUE(response->host().empty());
     EXPECT_EQ(response->port(), 0);
     EXPECT_FALSE(response->resolved());
-    const std::string sm = pointerText(engine_->requestSm(key).ptr());
-    EXPECT_TRUE(trace_.has(1, "[" + sm + "] URI parsing failed"));
-    EXPECT_TRUE(
-        trace_.has(9, "num running requests=" + std::to_string(engine_->requestSm().size())));
+    // A finished response has its machine dropped at once.
+    EXPECT_FALSE(engine_->requestSm(key));
+    EXPECT_TRUE(trace_.has(1, builtPrefix(trace_, uri) + "URI parsing failed"));
+    EXPECT_TRUE(trace_.has(9, "num running requests=1"));
   }
   EXPECT_TRUE(root_->dnsrRequest()->request().empty());
 }
@@ -163,8 +174,8 @@ TEST_F(RequestIntakeTest, DisallowedSchemeFailsAfterTheResolverRequestWasFiled) 
   EXPECT_EQ(response->host(), "files.test");
   EXPECT_EQ(response->port(), 0);
   EXPECT_EQ(resolverRequest("files.test"), 1u);
-  const std::string sm = pointerText(engine_->requestSm(key).ptr());
-  EXPECT_TRUE(trace_.has(1, "[" + sm + "] disallowed request scheme='ftp'"));
+  EXPECT_TRUE(trace_.has(
+      1, builtPrefix(trace_, "ftp://files.test/pub/a.txt") + "disallowed request scheme='ftp'"));
 
   // An address literal under another scheme fails the same way, with no resolver request.
   requestIs("gopher://127.0.0.1:70/");
@@ -196,7 +207,7 @@ TEST_F(RequestIntakeTest, ChangedRequestGetsAFreshStateMachineAndRecord) {
   EXPECT_EQ(this->response(request.requestKey()), response);
   EXPECT_EQ(response->numRequest(), 2u);
   EXPECT_EQ(response->timeoutRefresh(), 5u);
-  EXPECT_EQ(response->requestState(), Retra::stateDispatchReady);
+  EXPECT_EQ(response->requestState(), Retra::stateSendHeader);
   auto secondSm = engine_->requestSm(request.requestKey());
   ASSERT_TRUE(secondSm);
   EXPECT_NE(secondSm.ptr(), firstSm);

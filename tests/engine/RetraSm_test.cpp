@@ -77,7 +77,7 @@ TEST_F(RetraSmTest, StartTakesEachWaitingRequestInOnce) {
     auto response = responses_->response(key);
     ASSERT_TRUE(response);
     EXPECT_EQ(response->numRequest(), 1u);
-    EXPECT_EQ(response->requestState(), Retra::stateDispatchReady);
+    EXPECT_EQ(response->requestState(), Retra::stateSendHeader);  // ready, so dispatched
     EXPECT_TRUE(engine->retraResponseReactor(key));
   }
   const std::vector<std::string> messages = trace_.messages();
@@ -181,7 +181,7 @@ TEST_F(RetraSmTest, NotificationSwitchesEveryReactorTogether) {
   EXPECT_TRUE(recordReactor->isRegisteredNotifiee());
   EXPECT_TRUE(engine->refreshClock()->isRegisteredNotifiee());
   ASSERT_TRUE(responses_->response(key));
-  EXPECT_EQ(responses_->response(key)->requestState(), Retra::stateDispatchReady);
+  EXPECT_EQ(responses_->response(key)->requestState(), Retra::stateSendHeader);
 }
 
 TEST_F(RetraSmTest, CollectionsNotifyOnlyRealChanges) {

@@ -1,0 +1,70 @@
+# The install check of scripts/test: installs the build in $1 into a temporary prefix, builds
+# examples/fetch-one against that installation twice (through the CMake package and through
+# pkg-config), and runs both builds and the installed retra-fetch against a small local server.
+# Sourced by scripts/test after the suites; expects scripts/lib/loopback.sh to be sourced.
+
+install_check() {
+  local build=$1
+  local work
+  work=$(mktemp -d "${TMPDIR:-/tmp}/retra-install.XXXXXX")
+  INSTALL_CHECK_WORK=$work
+  INSTALL_CHECK_SERVER=""
+  trap install_check_cleanup EXIT
+
+  local prefix=$work/prefix
+  cmake --install "$build" --prefix "$prefix" >"$work/install.log"
+  local libdir
+  libdir=$(dirname "$(find "$prefix" -name 'libretra.so.1' -print -quit)")
+  for file in "$libdir/libretra.so.1.0.0" "$libdir/cmake/Retra/RetraConfig.cmake" \
+      "$libdir/pkgconfig/retra.pc" "$prefix/include/Retra/engine/Root.h" \
+      "$prefix/include/Retra/orb/Orb/Entity.h" "$prefix/bin/retra-fetch"; do
+    [ -e "$file" ] || { echo "install check: $file is missing" >&2; return 1; }
+  done
+
+  # The example, through the CMake package and through pkg-config; neither sees the sources.
+  cmake -S examples/fetch-one -B "$work/with-cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
+    >"$work/cmake.log"
+  cmake --build "$work/with-cmake" >>"$work/cmake.log"
+  mkdir "$work/with-pkg-config"
+  PKG_CONFIG_PATH=$libdir/pkgconfig make -s -C examples/fetch-one \
+    BUILD="$work/with-pkg-config" >"$work/make.log"
+
+  # A tiny server with one file.
+  mkdir "$work/site"
+  printf 'installed Retra works\n' >"$work/site/hello.txt"
+  local port
+  port=$(free_port)
+  python3 -m http.server "$port" --bind 127.0.0.1 --directory "$work/site" \
+    >"$work/server.log" 2>&1 &
+  INSTALL_CHECK_SERVER=$!
+  await_port "$port"
+  local url=http://127.0.0.1:$port/hello.txt
+
+  local program output
+  for program in "$work/with-cmake/fetch-one" "$work/with-pkg-config/fetch-one"; do
+    output=$("$program" "$url" 2>&1) || true
+    echo "$output" | sed "s|^|  ${program#"$work"/}: |" >&2
+    case $output in
+      "status 200, 22 bytes, errNone"*) ;;
+      *) echo "install check: $program printed something else" >&2; return 1 ;;
+    esac
+  done
+  output=$("$prefix/bin/retra-fetch" -s -m 10 "$url" 2>&1) || true
+  [ "$output" = "installed Retra works" ] || {
+    echo "install check: the installed retra-fetch printed '$output'" >&2
+    return 1
+  }
+  echo "  installed retra-fetch: $output" >&2
+  install_check_cleanup
+}
+
+# Stops the server and removes the temporary tree, also when a step above failed.
+install_check_cleanup() {
+  if [ -n "${INSTALL_CHECK_SERVER:-}" ]; then
+    kill "$INSTALL_CHECK_SERVER" 2>/dev/null || true
+    wait "$INSTALL_CHECK_SERVER" 2>/dev/null || true
+    INSTALL_CHECK_SERVER=""
+  fi
+  if [ -n "${INSTALL_CHECK_WORK:-}" ]; then rm -rf "$INSTALL_CHECK_WORK"; fi
+  INSTALL_CHECK_WORK=""
+}
