@@ -37,6 +37,17 @@ void RetraSm::OrbRetraResponse::onResponse(const RequestKey& key) {
 
 void RetraSm::OrbRetraResponse::onResponseImmediate() {
   if (isTearingDown() || !engine_ || !directory_) return;
+  // The keyed notification of the same change has already brought that key in step, and a
+  // connection (or re-registration) brings everything in step. In between, while the reactor
+  // hears every change, reactors and responses can only differ in number: equal counts mean
+  // nothing is left to do, and skipping the pass keeps a change from costing the size of the
+  // directory.
+  if (engine_->retraResponseReactor().size() == directory_->response().size()) return;
+  bringAllInStep();
+}
+
+void RetraSm::OrbRetraResponse::bringAllInStep() {
+  if (isTearingDown() || !engine_ || !directory_) return;
   RetraSm* engine = engine_;
   std::vector<Orb::Ptr<const Response>> responses;
   for (const auto& [key, response] : directory_->response()) responses.emplace_back(response);

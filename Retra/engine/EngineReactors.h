@@ -38,13 +38,16 @@ class RetraSm::OrbRetraResponse : public ResponseDir::NotifieeConst {
   void engineIs(RetraSm* engine) noexcept { engine_ = engine; }
 
   void onResponse(const RequestKey& key) override;
-  // Brings the whole collection in step: a reactor per response, none for a vanished one.
+  // Brings the whole collection in step when it is not (see bringAllInStep).
   void onResponseImmediate() override;
 
  protected:
-  void onNotifierConnected() override { onResponseImmediate(); }
+  void onNotifierConnected() override { bringAllInStep(); }
 
  private:
+  // A reactor per response, none for a vanished one.
+  void bringAllInStep();
+
   RetraSm* engine_;
   Orb::Ptr<ResponseDir> directory_;
 };

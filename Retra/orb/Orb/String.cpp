@@ -9,9 +9,15 @@
 
 namespace Orb {
 
-// Shared buffer: count, length, then the bytes and a NUL.
+// Shared buffer: count, length, the hash once computed, then the bytes and a NUL.
 struct String::Rep {
+  // Marks `hashCache` as holding the hash in its low 32 bits.
+  static constexpr uint64_t kHashKnown = uint64_t(1) << 32;
+
   std::atomic<uint32_t> refs;
+  // Keys are hashed on every look-up; the bytes never change, so the hash is kept. Relaxed
+  // atomics: threads sharing a buffer at worst compute the same value twice.
+  std::atomic<uint64_t> hashCache;
   size_t length;
   char data[1];
 
@@ -21,6 +27,7 @@ struct String::Rep {
     if (!memory) throw std::bad_alloc();
     Rep* rep = new (memory) Rep;
     rep->refs.store(1, std::memory_order_relaxed);
+    rep->hashCache.store(0, std::memory_order_relaxed);
     rep->length = length;
     if (copied) std::memcpy(rep->data, bytes, copied);
     rep->data[length] = '\0';
@@ -83,7 +90,15 @@ const char* String::charPtr() const noexcept { return rep_ ? rep_->data : ""; }
 
 size_t String::size() const noexcept { return rep_ ? rep_->length : 0; }
 
-uint32_t String::hash() const noexcept { return hashBytes(charPtr(), size()); }
+uint32_t String::hash() const noexcept {
+  if (!rep_) return hashBytes("", 0);
+  uint64_t cached = rep_->hashCache.load(std::memory_order_relaxed);
+  if (!(cached & Rep::kHashKnown)) {
+    cached = Rep::kHashKnown | hashBytes(rep_->data, rep_->length);
+    rep_->hashCache.store(cached, std::memory_order_relaxed);
+  }
+  return static_cast<uint32_t>(cached);
+}
 
 String operator+(const String& a, const String& b) {
   if (a.empty()) return b;
