@@ -46,12 +46,7 @@ void protocolsLimited(CURL* easy) {
 
 void RequestSm::doCurlDispatchRequest() {
   RETRA_TRACE_SM(2, this, "] dispatching request");
-  auto* cd = static_cast<CurlCallbackData*>(curlData_);
-  RETRA_ASSERT(cd);
-  RETRA_ASSERT(cd->curlMultiHandle);
-  RETRA_ASSERT(cd->curlHandle);
-  const Orb::Ptr<Response> response = this->response();
-  if (!response) Orb::throwRangeException("null ValidPtr");
+  const auto [cd, response] = transferInHand();
   CURL* easy = cd->curlHandle;
 
   // Pin the host to the addresses the engine resolved, IPv6 first, so that libcurl looks

@@ -113,12 +113,7 @@ void statisticsPublished(CURL* easy, Response& response) {
 }  // namespace
 
 void RequestSm::doCurlGetInfo() {
-  auto* cd = static_cast<CurlCallbackData*>(curlData_);
-  RETRA_ASSERT(cd);
-  RETRA_ASSERT(cd->curlMultiHandle);
-  RETRA_ASSERT(cd->curlHandle);
-  const Orb::Ptr<Response> response = this->response();
-  if (!response) Orb::throwRangeException("null ValidPtr");
+  const auto [cd, response] = transferInHand();
   CURL* easy = cd->curlHandle;
 
   long status = 0;

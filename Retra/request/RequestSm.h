@@ -32,6 +32,7 @@
 namespace Retra {
 
 class RetraSm;
+struct CurlCallbackData;
 
 // The state machine of one accepted request (type "Retra::RequestSm"): it configures and
 // dispatches the request's libcurl transfer, harvests its result and tears it down, publishing
@@ -132,6 +133,14 @@ class RequestSm : public Orb::PtrInterface {
   ~RequestSm() override;
 
  private:
+  // The record and response of a transfer that dispatch or harvest works on. A null record,
+  // multi handle or easy handle is fatal; a machine without a response is a range error.
+  struct TransferInHand {
+    CurlCallbackData* cd;
+    Orb::Ptr<Response> response;
+  };
+  [[nodiscard]] TransferInHand transferInHand() const;
+
   mutable Orb::NotifieeList notifiees_;
   Orb::Ptr<OrbResponse> reactor_;
   RETRA_REQUEST_SM_ATTRIBUTES(ORB_ENTITY_MEMBERS)

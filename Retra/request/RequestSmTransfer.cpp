@@ -11,6 +11,16 @@
 
 namespace Retra {
 
+RequestSm::TransferInHand RequestSm::transferInHand() const {
+  auto* cd = static_cast<CurlCallbackData*>(curlData_);
+  RETRA_ASSERT(cd);
+  RETRA_ASSERT(cd->curlMultiHandle);
+  RETRA_ASSERT(cd->curlHandle);
+  Orb::Ptr<Response> response = this->response();
+  if (!response) Orb::throwRangeException("null ValidPtr");
+  return {cd, std::move(response)};
+}
+
 void RequestSm::doScheduleRefresh() {
   const Orb::Ptr<Response> response = this->response();
   if (!response || !retraSm_) return;
