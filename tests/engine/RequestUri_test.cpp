@@ -3,70 +3,52 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <tuple>
 
 namespace {
 
 using Retra::RequestUri;
 
-TEST(RequestUriTest, TakesSchemeHostAndPortApart) {
-  auto uri = RequestUri::parsed("https://a.test:8443/path?q=1#f");
-  ASSERT_TRUE(uri);
-  EXPECT_EQ(uri->scheme, "https");
-  EXPECT_EQ(uri->host, "a.test");
-  EXPECT_EQ(uri->port, 8443);
-  EXPECT_FALSE(uri->hostIsAddress);
-
-  uri = RequestUri::parsed("http://192.0.2.1/");
-  ASSERT_TRUE(uri);
-  EXPECT_TRUE(uri->hostIsAddress);
-  EXPECT_EQ(uri->host, "192.0.2.1");
-  EXPECT_EQ(uri->port, 80);
-
-  uri = RequestUri::parsed("https://[2001:db8::1]/");
-  ASSERT_TRUE(uri);
-  EXPECT_TRUE(uri->hostIsAddress);
-  EXPECT_EQ(uri->host, "2001:db8::1");
-  EXPECT_EQ(uri->port, 443);
-
-  // A name made of digits is no address literal unless it is a dotted quad.
-  uri = RequestUri::parsed("http://1234/");
-  ASSERT_TRUE(uri);
-  EXPECT_FALSE(uri->hostIsAddress);
-
-  uri = RequestUri::parsed("ftp://files.test/");
-  ASSERT_TRUE(uri);
-  EXPECT_EQ(uri->port, 0);
-}
-
-TEST(RequestUriTest, RejectsWhatUriparserRejects) {
-  // An empty text is a valid (relative) reference: no scheme, no host.
-  auto empty = RequestUri::parsed("");
-  ASSERT_TRUE(empty);
-  EXPECT_TRUE(empty->scheme.empty());
-  EXPECT_TRUE(empty->host.empty());
+TEST(RequestUriTest, TakesSchemeHostAndPortApartAndRejectsWhatUriparserRejects) {
+  struct Case {
+    const char* text;
+    const char* scheme;
+    const char* host;
+    uint16_t port;
+    bool hostIsAddress;
+  };
+  const Case cases[] = {
+      {"https://a.test:8443/path?q=1#f", "https", "a.test", 8443, false},
+      {"http://192.0.2.1/", "http", "192.0.2.1", 80, true},
+      {"https://[2001:db8::1]/", "https", "2001:db8::1", 443, true},
+      {"http://1234/", "http", "1234", 80, false},  // digits alone are no dotted quad
+      {"ftp://files.test/", "ftp", "files.test", 0, false},
+      {"", "", "", 0, false},  // a valid (relative) reference
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    const auto uri = RequestUri::parsed(c.text);
+    ASSERT_TRUE(uri);
+    EXPECT_EQ(uri->scheme, c.scheme);
+    EXPECT_EQ(uri->host, c.host);
+    EXPECT_EQ(uri->port, c.port);
+    EXPECT_EQ(uri->hostIsAddress, c.hostIsAddress);
+  }
   for (const char* text : {"not a uri", "http://a.test:80a/", "http://[::1/", "http://a b/"}) {
     EXPECT_FALSE(RequestUri::parsed(text)) << text;
   }
 }
 
-TEST(RequestUriTest, PortTextEndsAtItsEndOrANewline) {
-  EXPECT_EQ(RequestUri::portOf("8080", "http"), std::optional<uint16_t>(8080));
-  EXPECT_EQ(RequestUri::portOf("8080\n", "http"), std::optional<uint16_t>(8080));
-  EXPECT_EQ(RequestUri::portOf("80a", "http"), std::nullopt);
-  // The number ends at the first newline, whatever follows it.
-  EXPECT_EQ(RequestUri::portOf("80\n1", "http"), std::optional<uint16_t>(80));
-  EXPECT_EQ(RequestUri::portOf("80 ", "http"), std::nullopt);
-  // Only the low 16 bits are kept.
-  EXPECT_EQ(RequestUri::portOf("65616", "https"), std::optional<uint16_t>(80));
-  // Without port text the scheme decides.
-  EXPECT_EQ(RequestUri::portOf("", "https"), std::optional<uint16_t>(443));
-  EXPECT_EQ(RequestUri::portOf("", "http"), std::optional<uint16_t>(80));
-  EXPECT_EQ(RequestUri::portOf("", "HTTP"), std::optional<uint16_t>(0));
-}
-
-TEST(RequestUriTest, TextRangeWithoutFirstCharacterIsEmpty) {
+TEST(RequestUriTest, PortTextEndsAtItsEndOrANewlineAndKeepsSixteenBits) {
+  const std::tuple<const char*, const char*, std::optional<uint16_t>> cases[] = {
+      {"8080", "http", 8080}, {"8080\n", "http", 8080}, {"80\n1", "http", 80},
+      {"80a", "http", {}},    {"80 ", "http", {}},      {"65616", "https", 80},
+      {"", "https", 443},     {"", "http", 80},         {"", "HTTP", 0},
+  };
+  for (const auto& [text, scheme, port] : cases) {
+    EXPECT_EQ(RequestUri::portOf(text, scheme), port) << text << " " << scheme;
+  }
   const char text[] = "a.test";
-  EXPECT_EQ(Retra::textRangeToStr(UriTextRangeStructA{text, text + 6}), "a.test");
   EXPECT_EQ(Retra::textRangeToStr(UriTextRangeStructA{text + 2, text + 6}), "test");
   EXPECT_TRUE(Retra::textRangeToStr(UriTextRangeStructA{nullptr, nullptr}).empty());
 }

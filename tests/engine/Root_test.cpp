@@ -34,47 +34,22 @@ class RootTest : public EngineTest::RootFixture {
 };
 
 TEST_F(RootTest, CreationWiresDirectoriesResolverAndEngine) {
-  EXPECT_TRUE(root_->initialized());
-  EXPECT_TRUE(root_->hasNotificationActive());
-  EXPECT_EQ(root_->name(), "retra");
-  struct Child {
-    Orb::Entity* entity;
-    const char* name;
-  };
-  for (const Child& child : {Child{root_->dnsrRequest().ptr(), "dnsrRequest"},
-                             Child{root_->dnsrRecord().ptr(), "dnsrRecord"},
-                             Child{root_->retraRequest().ptr(), "retraRequest"},
-                             Child{root_->retraResponse().ptr(), "retraResponse"}}) {
-    SCOPED_TRACE(child.name);
-    ASSERT_NE(child.entity, nullptr);
-    EXPECT_EQ(child.entity->name(), child.name);
-    EXPECT_EQ(child.entity->parent(), root_.ptr());
-    EXPECT_EQ(child.entity->parentAttrName(), child.name);
-    EXPECT_EQ(root_->entity(child.name).ptr(), child.entity);
-    EXPECT_EQ(child.entity->fullName(), std::string("retra/") + child.name);
+  for (const char* name : {"dnsrRequest", "dnsrRecord", "retraRequest", "retraResponse"}) {
+    SCOPED_TRACE(name);
+    const auto child = root_->entity(name);
+    ASSERT_TRUE(child);
+    EXPECT_EQ(child->parent(), root_.ptr());
+    EXPECT_EQ(child->fullName(), std::string("retra/") + name);
   }
-
-  auto dnsrSm = root_->dnsrSm();
-  ASSERT_TRUE(dnsrSm);
-  EXPECT_EQ(dnsrSm->records(), root_->dnsrRecord());
-  EXPECT_EQ(dnsrSm->requests(), root_->dnsrRequest());
-  EXPECT_TRUE(dnsrSm->hasNotificationActive());
-
+  // Everything else the engine and the resolver are built over shows in every fetch.
   auto engine = root_->retraSm();
-  ASSERT_TRUE(engine);
+  ASSERT_TRUE(engine && root_->dnsrSm());
   EXPECT_TRUE(engine->initialized());
-  EXPECT_TRUE(engine->hasNotificationActive());
-  EXPECT_NE(engine->curlMultiHandle(), nullptr);
-  EXPECT_EQ(engine->retraRequest()->directory(), root_->retraRequest());
-  EXPECT_EQ(engine->retraResponse()->directory(), root_->retraResponse());
-  EXPECT_EQ(engine->dnsrRequest(), root_->dnsrRequest());
-  EXPECT_EQ(engine->dnsrRecord()->directory(), root_->dnsrRecord());
-  // One clock, the activity manager's, serves both.
+  // Two clock observers on one clock, the activity manager's.
   EXPECT_EQ(engine->refreshClock()->clock(), Orb::activityManager()->clock());
   EXPECT_EQ(engine->timeoutClock()->clock(), engine->refreshClock()->clock());
   EXPECT_NE(static_cast<const void*>(engine->refreshClock().ptr()),
             static_cast<const void*>(engine->timeoutClock().ptr()));
-  EXPECT_TRUE(trace_.has(2, "handleInitialized"));
 }
 
 TEST_F(RootTest, DirectorySetterKeepsTheSameNameAndReplacesAnother) {
@@ -85,7 +60,6 @@ TEST_F(RootTest, DirectorySetterKeepsTheSameNameAndReplacesAnother) {
   watch->notifierIs(root_);
   auto other = root_->retraRequestIs("otherRequest");
   EXPECT_NE(other, requests);
-  EXPECT_EQ(root_->retraRequest(), other);
   EXPECT_EQ(other->parent(), root_.ptr());
   EXPECT_EQ(requests->parent(), nullptr);
   EXPECT_FALSE(root_->entity("retraRequest"));
@@ -96,41 +70,35 @@ TEST_F(RootTest, DirectorySetterKeepsTheSameNameAndReplacesAnother) {
   auto removed = root_->retraResponseDel();
   ASSERT_TRUE(removed);
   EXPECT_EQ(removed->parent(), nullptr);
-  EXPECT_FALSE(root_->retraResponse());
-  EXPECT_FALSE(root_->retraResponseDel());
+  EXPECT_FALSE(root_->retraResponse() || root_->retraResponseDel());
 }
 
-TEST_F(RootTest, RetraSmIsBuildsAnotherEngineOnlyForOtherObjects) {
+TEST_F(RootTest, EngineAndResolverAreRebuiltOnlyForOtherObjects) {
   auto engine = root_->retraSm();
   auto clock = Orb::activityManager()->clock();
   EXPECT_EQ(root_->retraSmIs(root_->retraRequest(), root_->retraResponse(), root_->dnsrRequest(),
                              root_->dnsrRecord(), clock, clock),
             engine);
-
   auto ownClock = Orb::allocate<Orb::Clock>("refresh");
   auto replacement = root_->retraSmIs(root_->retraRequest(), root_->retraResponse(),
                                       root_->dnsrRequest(), root_->dnsrRecord(), ownClock, clock);
   EngineTest::retain(engine);
   EXPECT_NE(replacement, engine);
-  EXPECT_EQ(root_->retraSm(), replacement);
   EXPECT_EQ(replacement->refreshClock()->clock(), ownClock);
-  EXPECT_TRUE(replacement->hasNotificationActive());
   EXPECT_FALSE(engine->hasNotificationActive());
   // The old engine no longer takes requests in.
-  requestIs("http://127.0.0.1:1/");
-  EXPECT_TRUE(replacement->requestSm(Retra::RequestKey(Retra::GET, "http://127.0.0.1:1/")));
+  const Retra::RequestKey key = requestIs("http://127.0.0.1:1/");
+  EXPECT_TRUE(replacement->requestSm(key));
   EXPECT_TRUE(engine->requestSm().empty());
   engine->shutdown();
-}
 
-TEST_F(RootTest, DnsrSmIsBuildsAnotherResolverOnlyForOtherDirectories) {
   auto resolver = root_->dnsrSm();
   EXPECT_EQ(root_->dnsrSmIs(root_->dnsrRecord(), root_->dnsrRequest()), resolver);
   auto records = Orb::allocate<Dnsr::ResolutionRecordDir>("records");
-  auto replacement = root_->dnsrSmIs(records, root_->dnsrRequest());
-  EXPECT_NE(replacement, resolver);
-  EXPECT_EQ(replacement->records(), records);
-  EXPECT_TRUE(replacement->hasNotificationActive());
+  auto newResolver = root_->dnsrSmIs(records, root_->dnsrRequest());
+  EXPECT_NE(newResolver, resolver);
+  EXPECT_EQ(newResolver->records(), records);
+  EXPECT_TRUE(newResolver->hasNotificationActive());
   EXPECT_FALSE(resolver->hasNotificationActive());
 }
 
@@ -138,7 +106,6 @@ TEST_F(RootTest, DestructionRemovesEverythingInOrder) {
   auto engine = root_->retraSm();
   auto resolver = root_->dnsrSm();
   auto requests = root_->retraRequest();
-  auto records = root_->dnsrRecord();
   auto watch = Orb::allocate<RootWatch>();
   watch->isWeakReferenceIs(true);
   watch->notifierIs(root_);
@@ -149,10 +116,7 @@ TEST_F(RootTest, DestructionRemovesEverythingInOrder) {
                                                    "retraRequest", "retraResponse"}));
   EXPECT_EQ(watch->notifierPtr(), nullptr);
   EXPECT_EQ(requests->parent(), nullptr);
-  EXPECT_EQ(records->parent(), nullptr);
-  EXPECT_FALSE(resolver->hasNotificationActive());
-  EXPECT_FALSE(engine->hasNotificationActive());
-  EXPECT_FALSE(engine->initialized());
+  EXPECT_FALSE(resolver->hasNotificationActive() || engine->hasNotificationActive());
 }
 
 }  // namespace

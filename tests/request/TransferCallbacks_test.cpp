@@ -5,10 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -55,55 +52,25 @@ class TransferCallbacksTest : public ::testing::Test {
   Retra::CurlCallbackData record_;
 };
 
-TEST_F(TransferCallbacksTest, HeaderLinesSplitAtTheFirstColonAndSkipOneBlank) {
-  EXPECT_EQ(header("Content-Type: text/html\r\n"), 25u);
-  EXPECT_EQ(response_->header("Content-Type"), "text/html");
-  EXPECT_EQ(response_->requestState(), Retra::stateRecvHeader);
-
-  // Later colons stay in the value.
-  header("Location: http://127.0.0.1:8080/next\r\n");
-  EXPECT_EQ(response_->header("Location"), "http://127.0.0.1:8080/next");
-
-  // Only one blank goes; trailing blanks stay; no blank skips nothing.
-  header("X-Two:  two blanks \r\n");
-  EXPECT_EQ(response_->header("X-Two"), " two blanks ");
-  header("X-Tight:tight\r\n");
-  EXPECT_EQ(response_->header("X-Tight"), "tight");
-
-  // A tab opens a run of five white-space codes (9 to 13): five characters go.
-  header("X-Tab:\tabcdefg\r\n");
-  EXPECT_EQ(response_->header("X-Tab"), "efg");
-
-  // Names are kept as received, and a later line of the same name replaces the value.
-  header("x-tight: again\r\n");
-  EXPECT_EQ(response_->header("x-tight"), "again");
-  EXPECT_EQ(response_->header("X-Tight"), "tight");
-  header("X-Tight: replaced\n");
-  EXPECT_EQ(response_->header("X-Tight"), "replaced");
-  EXPECT_EQ(response_->header().size(), 6u);
-}
-
-TEST_F(TransferCallbacksTest, LinesWithoutValueStoreNothingButAreTaken) {
-  for (const std::string line : {"HTTP/1.1 200 OK\r\n", "\r\n", "X-Empty:\r\n", "X-Blank: \r\n"}) {
-    SCOPED_TRACE(line);
-    EXPECT_EQ(header(line), line.size());
+// The white-space rule itself is proven end to end; here: what is taken, what is stored.
+TEST_F(TransferCallbacksTest, HeaderLinesAreTakenWholeAndStoredOnlyWithAValue) {
+  for (const std::string line : {"HTTP/1.1 200 OK\r\n", "\r\n", "X-Empty:\r\n", "X-Blank: \r\n",
+                                 "X-Tight:tight\r\n", "x-tight: again\r\n"}) {
+    EXPECT_EQ(header(line), line.size()) << line;
   }
-  // The blank after the colon is the value; skipping it leaves an empty one.
-  EXPECT_EQ(response_->header().size(), 1u);
-  EXPECT_TRUE(response_->header().contains("X-Blank"));
-  EXPECT_EQ(response_->header("X-Blank"), "");
   EXPECT_EQ(response_->requestState(), Retra::stateRecvHeader);
   EXPECT_TRUE(trace_.messages().empty());
+  // The blank after the colon is the value; skipping it leaves an empty one. Names are kept as
+  // received.
+  EXPECT_EQ(response_->header().size(), 3u);
+  EXPECT_EQ(response_->header("X-Blank"), "");
+  EXPECT_EQ(response_->header("X-Tight"), "tight");
+  EXPECT_EQ(response_->header("x-tight"), "again");
 
-  // A reason phrase with a colon makes the status line a header named by what precedes it.
-  header("HTTP/1.1 503 Busy: retry later\r\n");
-  EXPECT_EQ(response_->header("HTTP/1.1 503 Busy"), "retry later");
-}
-
-TEST_F(TransferCallbacksTest, FinishedResponseRefusesHeadersUntouched) {
+  // A finished response refuses further lines untouched.
   response_->requestStateIs(Retra::stateFinished);
   EXPECT_EQ(header("Content-Type: text/plain\r\n"), 0u);
-  EXPECT_TRUE(response_->header().empty());
+  EXPECT_EQ(response_->header().size(), 3u);
   EXPECT_EQ(response_->requestState(), Retra::stateFinished);
 }
 
@@ -139,34 +106,14 @@ TEST_F(TransferCallbacksTest, OutputPathTakesTheBodyInsteadOfTheResponse) {
   EXPECT_TRUE(response_->body().empty());
   EXPECT_EQ(response_->lastError(), Retra::errNone);
 
-  // An existing file is truncated when it is opened.
+  // An existing file is truncated when it is opened, also by an empty chunk.
   std::fclose(record_.outputFile);
   record_.outputFile = nullptr;
   dir.write("again.bin", "old contents");
   response_->outputPathIs(Orb::String(dir.path("again.bin")));
-  EXPECT_EQ(write("new"), 3u);
-  std::fflush(record_.outputFile);
-  EXPECT_EQ(dir.read("again.bin"), "new");
-}
-
-TEST_F(TransferCallbacksTest, ZeroLengthWriteCreatesTheFile) {
-  RetraTest::TempDir dir;
-  response_->outputPathIs(Orb::String(dir.path("empty.bin")));
   EXPECT_EQ(write(""), 0u);
   ASSERT_NE(record_.outputFile, nullptr);
-  EXPECT_TRUE(std::ifstream(dir.path("empty.bin")).good());
-  EXPECT_EQ(dir.read("empty.bin"), "");
-  EXPECT_EQ(response_->lastError(), Retra::errNone);
-}
-
-TEST_F(TransferCallbacksTest, UnwritableOutputPathFailsWithTheSystemsMessage) {
-  RetraTest::TempDir dir;
-  response_->outputPathIs(Orb::String(dir.path("missing/download.bin")));
-  EXPECT_EQ(write("abc"), 0u);
-  EXPECT_EQ(record_.outputFile, nullptr);
-  EXPECT_EQ(response_->lastError(), Retra::errFile);
-  EXPECT_EQ(response_->lastErrorMessage(), std::strerror(ENOENT));
-  EXPECT_TRUE(response_->body().empty());
+  EXPECT_EQ(dir.read("again.bin"), "");
 }
 
 TEST_F(TransferCallbacksTest, NullRecordIsFatal) {

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -22,43 +23,21 @@ std::vector<std::string> keysOf(const Json& object) {
   return keys;
 }
 
+// The words of `text`, split at blanks.
+std::vector<std::string> wordsOf(const std::string& text) {
+  std::vector<std::string> words;
+  std::istringstream in(text);
+  for (std::string word; in >> word;) words.push_back(word);
+  return words;
+}
+
 // Every attribute of a response, derived ones included, as the library declares them.
-const std::vector<std::string> kResponseKeys = {"requestKey",
-                                                "method",
-                                                "uri",
-                                                "requestState",
-                                                "authType",
-                                                "username",
-                                                "password",
-                                                "sslVerifyPeer",
-                                                "pinnedPublicKey",
-                                                "outputPath",
-                                                "timeoutConnect",
-                                                "timeoutRequest",
-                                                "timeoutRefresh",
-                                                "debug",
-                                                "finished",
-                                                "scheme",
-                                                "statusCode",
-                                                "effectiveUrl",
-                                                "lastError",
-                                                "lastErrorMessage",
-                                                "lastUpdateTime",
-                                                "lastChangeTime",
-                                                "requestheader",
-                                                "header",
-                                                "body",
-                                                "contentType",
-                                                "contentLengthUpload",
-                                                "contentLengthDownload",
-                                                "counter",
-                                                "timer",
-                                                "numRequest",
-                                                "resolved",
-                                                "host",
-                                                "ipAddress",
-                                                "ip6Address",
-                                                "port"};
+const std::vector<std::string> kResponseKeys = wordsOf(
+    "requestKey method uri requestState authType username password sslVerifyPeer pinnedPublicKey "
+    "outputPath timeoutConnect timeoutRequest timeoutRefresh debug finished scheme statusCode "
+    "effectiveUrl lastError lastErrorMessage lastUpdateTime lastChangeTime requestheader header "
+    "body contentType contentLengthUpload contentLengthDownload counter timer numRequest resolved "
+    "host ipAddress ip6Address port");
 
 TEST(ResponseJsonTest, EveryAttributeAppearsInDeclarationOrderWithItsValue) {
   auto response = Orb::allocate<Retra::Response>(
@@ -114,14 +93,12 @@ TEST(ResponseJsonTest, EveryAttributeAppearsInDeclarationOrderWithItsValue) {
   EXPECT_EQ(json["contentLengthUpload"], -1);
   EXPECT_EQ(json["contentLengthDownload"], 5);
   EXPECT_EQ(keysOf(json["counter"]),
-            (std::vector<std::string>{"numConnect", "numRedirect", "numFinish", "speedDownload",
-                                      "speedUpload", "bytesDownload", "bytesUpload",
-                                      "bytesHeaderDownload", "bytesRequestUpload"}));
+            wordsOf("numConnect numRedirect numFinish speedDownload speedUpload bytesDownload "
+                    "bytesUpload bytesHeaderDownload bytesRequestUpload"));
   EXPECT_EQ(json["counter"]["bytesDownload"], 5);
   EXPECT_EQ(json["counter"]["speedDownload"], 2.5);
   EXPECT_EQ(keysOf(json["timer"]),
-            (std::vector<std::string>{"hostLookup", "connect", "sslHandshake", "request",
-                                      "response", "total"}));
+            wordsOf("hostLookup connect sslHandshake request response total"));
   EXPECT_EQ(json["timer"]["total"], 0.125);
   EXPECT_EQ(json["numRequest"], 2);
   EXPECT_EQ(json["resolved"], true);
@@ -157,28 +134,25 @@ TEST(ResponseJsonTest, BinaryBodyIsBase64AndFreshResponseHasZeroChildren) {
   EXPECT_EQ(back["header"]["X-Latin1"], "caf\xef\xbf\xbd");
 }
 
-TEST(ResponseJsonTest, Utf8CheckRejectsMalformedSequences) {
-  EXPECT_TRUE(RetraFetch::isUtf8(""));
-  EXPECT_TRUE(RetraFetch::isUtf8("plain ascii"));
-  EXPECT_TRUE(RetraFetch::isUtf8("\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"));
+TEST(ResponseJsonTest, Utf8CheckRejectsMalformedSequencesAndBase64FollowsTheStandard) {
+  for (const std::string text : {"", "plain ascii", "\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"}) {
+    EXPECT_TRUE(RetraFetch::isUtf8(text)) << text;
+  }
   EXPECT_TRUE(RetraFetch::isUtf8(std::string("nul\0inside", 10)));
-  EXPECT_FALSE(RetraFetch::isUtf8("\xc3"));              // cut short
-  EXPECT_FALSE(RetraFetch::isUtf8("\xc0\xaf"));          // overlong '/'
-  EXPECT_FALSE(RetraFetch::isUtf8("\xed\xa0\x80"));      // a surrogate
-  EXPECT_FALSE(RetraFetch::isUtf8("\xf4\x90\x80\x80"));  // above U+10FFFF
-  EXPECT_FALSE(RetraFetch::isUtf8("\x80"));              // continuation without a lead
-  EXPECT_FALSE(RetraFetch::isUtf8("\xe2\x28\xa1"));      // bad continuation
-}
-
-TEST(ResponseJsonTest, Base64FollowsTheStandardVectors) {
-  EXPECT_EQ(RetraFetch::base64(""), "");
-  EXPECT_EQ(RetraFetch::base64("f"), "Zg==");
-  EXPECT_EQ(RetraFetch::base64("fo"), "Zm8=");
-  EXPECT_EQ(RetraFetch::base64("foo"), "Zm9v");
-  EXPECT_EQ(RetraFetch::base64("foob"), "Zm9vYg==");
-  EXPECT_EQ(RetraFetch::base64("fooba"), "Zm9vYmE=");
-  EXPECT_EQ(RetraFetch::base64("foobar"), "Zm9vYmFy");
-  EXPECT_EQ(RetraFetch::base64(std::string("\xfb\xff", 2)), "+/8=");
+  // Cut short, overlong '/', a surrogate, above U+10FFFF, a lone continuation, a bad one.
+  for (const char* text :
+       {"\xc3", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\x80", "\xe2\x28\xa1"}) {
+    EXPECT_FALSE(RetraFetch::isUtf8(text)) << text;
+  }
+  const std::pair<std::string, const char*> vectors[] = {{"", ""},
+                                                         {"f", "Zg=="},
+                                                         {"fo", "Zm8="},
+                                                         {"foo", "Zm9v"},
+                                                         {"foob", "Zm9vYg=="},
+                                                         {"fooba", "Zm9vYmE="},
+                                                         {"foobar", "Zm9vYmFy"},
+                                                         {"\xfb\xff", "+/8="}};
+  for (const auto& [bytes, encoded] : vectors) EXPECT_EQ(RetraFetch::base64(bytes), encoded);
 }
 
 }  // namespace
