@@ -1,6 +1,10 @@
 #include "support/FaultAnswers.h"
 
+#include <poll.h>
+#include <sys/socket.h>
+
 #include <cstdio>
+#include <cstdlib>
 
 #include "support/FreePort.h"
 
@@ -37,6 +41,49 @@ FaultAnswers::Handler FaultAnswers::drip(LoopbackHttpServer& server, std::string
       if (!LoopbackHttpServer::sendAll(socket, std::string(1, byte))) return;
       if (!server.pauseFor(interval)) return;
     }
+  };
+}
+
+FaultAnswers::Handler FaultAnswers::dripAfter(LoopbackHttpServer& server, std::string atOnce,
+                                              std::string dripped,
+                                              std::chrono::milliseconds interval) {
+  return [atOnce = std::move(atOnce), dripRest = drip(server, std::move(dripped), interval)](
+             int socket, const Received& request) {
+    if (LoopbackHttpServer::sendAll(socket, atOnce)) dripRest(socket, request);
+  };
+}
+
+FaultAnswers::Handler FaultAnswers::holdUntilClientCloses(LoopbackHttpServer& server,
+                                                          std::atomic<size_t>& closedByClient) {
+  return [&server, &closedByClient](int socket, const Received&) {
+    char buffer[512];
+    while (true) {
+      pollfd watch{socket, POLLIN, 0};
+      const int ready = ::poll(&watch, 1, 50);
+      // The server's own shutdown of the socket also reads as an end: it is not the client's.
+      if (!server.pauseFor(std::chrono::milliseconds(0))) return;
+      if (ready <= 0) continue;
+      const ssize_t n = ::recv(socket, buffer, sizeof buffer, 0);
+      if (n <= 0) {
+        ++closedByClient;
+        return;
+      }
+    }
+  };
+}
+
+FaultAnswers::Handler FaultAnswers::redirectCountdown() {
+  return [](int socket, const Received& request) {
+    const std::string& target = request.target;
+    const size_t query = target.find("?left=");
+    const long left = query == std::string::npos ? 0 : std::atol(target.c_str() + query + 6);
+    if (left <= 0) {
+      LoopbackHttpServer::sendAll(socket, LoopbackHttpServer::bytesOf({200, {}, "end"}));
+      return;
+    }
+    const std::string next = target.substr(0, query) + "?left=" + std::to_string(left - 1);
+    LoopbackHttpServer::sendAll(socket,
+                                LoopbackHttpServer::bytesOf({302, {{"Location", next}}, ""}));
   };
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <string>
@@ -32,6 +33,17 @@ class FaultAnswers {
   // Writes `bytes` one byte every `interval`, then closes (see LoopbackHttpServer::bytesOf).
   [[nodiscard]] static Handler drip(LoopbackHttpServer& server, std::string bytes,
                                     std::chrono::milliseconds interval);
+  // Writes `atOnce` in one go, then `dripped` one byte every `interval`, then closes: a server
+  // that stalls after the status line, in the header block or in the body.
+  [[nodiscard]] static Handler dripAfter(LoopbackHttpServer& server, std::string atOnce,
+                                         std::string dripped, std::chrono::milliseconds interval);
+  // Reads the request and never answers; holds the connection until the client closes it (then
+  // adds one to `closedByClient`) or the server is destroyed (then counts nothing).
+  [[nodiscard]] static Handler holdUntilClientCloses(LoopbackHttpServer& server,
+                                                     std::atomic<size_t>& closedByClient);
+  // 302 to "<path>?left=N-1" while the query "left=N" is above 0, then a 200 with body "end":
+  // a chain of N redirects (a request without "left" starts at 0).
+  [[nodiscard]] static Handler redirectCountdown();
   // Writes `bytes` that are no HTTP at all, then closes.
   [[nodiscard]] static Handler notHttp(std::string bytes = "SSH-2.0-OpenSSH_9.2\r\n\r\nnot http");
   // A 200 answer with one header line ("X-Long: aaa...") of `size` bytes, CRLF excluded.

@@ -1,0 +1,165 @@
+// The engine stopped while a thousand transfers are under way, and the root taken down after it:
+// every request and response goes, every connection is closed, a second stop does nothing, and
+// no libuv handle is left once the root is gone.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "Orb/ActivityManager.h"
+#include "dnsr/support/Dnsmasq.h"
+#include "e2e/support/FetchFixture.h"
+#include "support/FaultAnswers.h"
+#include "support/LoopbackHttpServer.h"
+
+namespace {
+
+using Retra::Response;
+using RetraTest::FaultAnswers;
+using RetraTest::LoopbackHttpServer;
+
+constexpr int kHosts = 50;
+constexpr int kTransfers = 1000;
+// The engine lets libcurl open at most this many connections at once (and 4 per host).
+constexpr size_t kMaxConnections = 100;
+
+// "127.0.0.1 h0.test h1.test ...": every name on the server's address.
+std::string hostsFile() {
+  std::string line = "127.0.0.1";
+  for (int i = 0; i < kHosts; ++i) line += " h" + std::to_string(i) + ".test";
+  return line + "\n";
+}
+
+class LifeCycleTest : public E2eTest::FetchFixture {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(dns_.isRunning()) << dns_.log();
+    server_.routeIs("/hold", FaultAnswers::holdUntilClientCloses(server_, closedByClient_));
+    rootIs(dns_.server());
+  }
+
+  // A request that waits far longer than the test for its answer; every tenth goes to the
+  // address literal, the others through the resolver to one of the names.
+  [[nodiscard]] Retra::Request holdingRequest(int i) const {
+    const std::string path = "/hold?n=" + std::to_string(i);
+    const std::string uri = i % 10 == 0 ? server_.url(path)
+                                        : "http://h" + std::to_string(i % kHosts) +
+                                              ".test:" + std::to_string(server_.port()) + path;
+    Retra::Request r = request(uri);
+    r.timeoutConnectIs(600);
+    r.timeoutRequestIs(600);
+    return r;
+  }
+
+  DnsrTest::Dnsmasq dns_{hostsFile()};
+  std::atomic<size_t> closedByClient_{0};  // outlives the server, whose handlers count here
+  LoopbackHttpServer server_;
+};
+
+TEST_F(LifeCycleTest, ShutdownWithAThousandTransfersUnderWayLeavesNothingBehind) {
+  std::vector<Retra::RequestKey> keys;
+  for (int i = 0; i < kTransfers; ++i) {
+    const Retra::Request r = holdingRequest(i);
+    keys.push_back(r.requestKey());
+    requestIs(r);
+  }
+  const auto allDispatched = [&] {
+    for (const Retra::RequestKey& key : keys) {
+      Orb::Ptr<Response> r = response(key);
+      if (!r || r->requestState() < Retra::stateSendHeader) return false;
+    }
+    return true;
+  };
+  ASSERT_TRUE(await(allDispatched, "every request handed to libcurl"));
+  ASSERT_TRUE(await([&] { return server_.requests().size() >= kMaxConnections; },
+                    "the server holding as many requests as libcurl may send at once"));
+  EngineTest::runUntil([] { return false; }, 0.3);
+  EXPECT_EQ(server_.connections(), kMaxConnections);
+  std::vector<Orb::Ptr<Response>> kept;
+  for (const int i : {0, 1, 2, 999}) kept.push_back(response(keys[size_t(i)]));
+  for (const Orb::Ptr<Response>& r : kept) {
+    ASSERT_TRUE(r);
+    EXPECT_FALSE(r->finished()) << describe(r->requestKey());
+  }
+
+  engine_->shutdown();
+
+  EXPECT_TRUE(root_->retraRequest()->request().empty());
+  EXPECT_TRUE(root_->retraResponse()->response().empty());
+  EXPECT_TRUE(engine_->requestSm().empty());
+  EXPECT_TRUE(engine_->retraResponseReactor().empty());
+  EXPECT_FALSE(engine_->initialized());
+  EXPECT_EQ(engine_->curlMultiHandle(), nullptr);
+  EXPECT_EQ(trace_.countStartingWith("Shutting down Retra state machine"), 1u);
+  // Each transfer was torn down once, without a result: no status, no error, nothing received.
+  for (const Orb::Ptr<Response>& r : kept) {
+    EXPECT_TRUE(r->finished());
+    EXPECT_EQ(r->counter()->numFinish(), 1u);
+    EXPECT_EQ(r->statusCode(), 0);
+    EXPECT_EQ(r->lastError(), Retra::errNone);
+    EXPECT_EQ(r->body(), "");
+  }
+  // Every connection the engine had opened is closed from its side.
+  EXPECT_TRUE(await([&] { return closedByClient_.load() == server_.connections(); },
+                    "every held connection closed by the client"))
+      << closedByClient_.load() << " of " << server_.connections() << " closed";
+
+  // A second stop finds nothing to do and says nothing.
+  trace_.clear();
+  engine_->shutdown();
+  EXPECT_TRUE(trace_.messages().empty());
+  EXPECT_FALSE(engine_->initialized());
+
+  // A stopped engine takes no new request in.
+  const Retra::RequestKey late = holdingRequest(kTransfers).requestKey();
+  requestIs(holdingRequest(kTransfers));
+  EngineTest::runUntil([] { return false; }, 0.3);
+  EXPECT_FALSE(response(late));
+  EXPECT_EQ(server_.connections(), kMaxConnections);
+
+  // The root goes after the engine has stopped: the loop ends with no handle of the library.
+  root_ = nullptr;
+  EXPECT_TRUE(EngineTest::runDry()) << Orb::activityManager()->liveHandles() << " handles left";
+  EXPECT_TRUE(kept.front()->finished());  // what a host kept stays readable
+}
+
+// Withdrawing a request drops its host's resolver request outright, with no count of the other
+// requests of that host, and the resolver then forgets the host's record. The next request for
+// the host looks it up again, and the new record moves every response of that host to
+// stateDispatchReady, whatever its state: a finished response (its state machine gone) stays
+// there and is not fetched again, and a running transfer is dispatched a second time, which
+// libcurl refuses, so it ends with errCurlAddHandle and a partial body. This is how the engine
+// is meant to behave; hosts withdraw requests of a shared host name knowing it.
+TEST_F(LifeCycleTest, WithdrawingARequestReDispatchesEveryResponseOfItsHostOnTheNextLookUp) {
+  const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 20\r\nConnection: close\r\n\r\n";
+  server_.routeIs("/quick", LoopbackHttpServer::Answer{200, {}, "quick"});
+  server_.routeIs("/slow", FaultAnswers::dripAfter(server_, head, std::string(20, 's'),
+                                                   std::chrono::milliseconds(50)));
+  const std::string base = "http://h0.test:" + std::to_string(server_.port());
+  Orb::Ptr<Response> first = fetch(request(base + "/quick?first"));
+  ASSERT_EQ(first->statusCode(), 200);
+  const Retra::RequestKey slow = requestIs(base + "/slow");
+  const Retra::RequestKey held = requestIs(base + "/hold");
+  ASSERT_TRUE(await(
+      [&] {
+        Orb::Ptr<Response> r = response(slow);
+        return r && r->requestState() == Retra::stateRecvBody && server_.requests().size() == 3;
+      },
+      "the slow answer under way and the held request at the server"));
+
+  requestDel(held);
+  Orb::Ptr<Response> second = fetch(request(base + "/quick?second"));
+
+  EXPECT_EQ(second->statusCode(), 200);
+  EXPECT_EQ(second->lastError(), Retra::errNone);
+  EXPECT_EQ(first->requestState(), Retra::stateDispatchReady) << describe(first->requestKey());
+  EXPECT_EQ(first->numRequest(), 1u);
+  ASSERT_TRUE(await([&] { return response(slow)->finished(); }, "the slow answer"));
+  EXPECT_EQ(response(slow)->lastError(), Retra::errCurlAddHandle) << describe(slow);
+  EXPECT_LT(response(slow)->body().size(), 20u);
+}
+
+}  // namespace
