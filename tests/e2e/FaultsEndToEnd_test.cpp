@@ -14,6 +14,7 @@
 #include "e2e/support/FetchFixture.h"
 #include "support/FaultAnswers.h"
 #include "support/LoopbackHttpServer.h"
+#include "support/TimeScale.h"
 
 namespace {
 
@@ -26,11 +27,12 @@ class FaultFetchTest : public E2eTest::FetchFixture {
  protected:
   void SetUp() override { rootIs(""); }
 
-  // A request that gives up after one second, connecting included.
+  // A request that gives up after one second (stretched under a slow checker), connecting
+  // included.
   [[nodiscard]] static Retra::Request impatient(const std::string& uri) {
     Retra::Request r = request(uri);
-    r.timeoutConnectIs(1);
-    r.timeoutRequestIs(1);
+    r.timeoutConnectIs(RetraTest::scaledSeconds(1));
+    r.timeoutRequestIs(RetraTest::scaledSeconds(1));
     return r;
   }
 

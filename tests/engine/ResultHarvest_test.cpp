@@ -9,6 +9,7 @@
 
 #include "engine/support/TransferFixture.h"
 #include "support/FaultAnswers.h"
+#include "support/TimeScale.h"
 
 namespace {
 
@@ -72,7 +73,7 @@ TEST_F(ResultHarvestTest, ErrorIsTheStatusFirstThenLibcurlsResult) {
   std::vector<Orb::Ptr<StateWatch>> watches;
   for (const Case& c : cases) {
     Retra::Request request = requestOf(c.url);
-    request.timeoutConnectIs(1);
+    request.timeoutConnectIs(RetraTest::scaledSeconds(1));
     request.timeoutRequestIs(0);
     requestIs(request);
     watches.push_back(Orb::allocate<StateWatch>());

@@ -50,7 +50,7 @@ class DnsrSm::WorkTimer : public Orb::Clock::NotifieeConst {
 };
 
 // Hears of finished look-ups inside c-ares and passes them on.
-class DnsrSm::LookupListener : public internal::HostLookup::Listener {
+class DnsrSm::LookupListener final : public internal::HostLookup::Listener {
  public:
   explicit LookupListener(DnsrSm* sm) : sm_(sm) {}
   void onLookupDone(internal::HostLookup* lookup) override { sm_->lookupDone(lookup); }

@@ -5,21 +5,22 @@
 
 #include "Dnsr/ResolutionError.h"
 #include "Orb/ActivityManager.h"
+#include "support/TimeScale.h"
 
 namespace DnsrTest {
 
 void ResolverTest::TearDown() {
   service_ = nullptr;
-  EXPECT_TRUE(runUntil([] { return Orb::activityManager()->liveHandles() == 0; }, 5.0));
+  EXPECT_TRUE(runUntil([] { return Orb::activityManager()->liveHandles() == 0; }, 5.0 * RetraTest::timeScale()));
 }
 
 void ResolverTest::serviceIs(const std::string& servers) {
-  const Dnsr::DnsrConfig config{Dnsr::NameServer::listOf(servers), 0.3, 1, 0.1};
+  const Dnsr::DnsrConfig config{Dnsr::NameServer::listOf(servers), 0.3 * RetraTest::timeScale(), 1, 0.1};
   service_ = Dnsr::DnsrSm::DnsrSmIs(records_, requests_, config);
 }
 
 bool ResolverTest::runUntil(const std::function<bool()>& done, Orb::Seconds timeout) {
-  return Orb::activityManager()->runUntil(done, timeout);
+  return Orb::activityManager()->runUntil(done, timeout * RetraTest::timeScale());
 }
 
 std::string ResolverTest::state(std::string_view host) const {

@@ -40,7 +40,7 @@ std::string contentsOf(const std::string& path) {
 int privateMountNamespace() {
   static const int error = [] {
     if (::unshare(CLONE_NEWNS) != 0) return errno;
-    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return errno;
+    if (::mount(nullptr, "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0) return errno;
     return 0;
   }();
   return error;
@@ -79,7 +79,7 @@ TrustedCa::TrustedCa(const std::string& caCert) : bundlePath_(defaultBundle()) {
       return;
     }
   }
-  if (::mount(copyPath_.c_str(), bundlePath_.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+  if (::mount(copyPath_.c_str(), bundlePath_.c_str(), "none", MS_BIND, nullptr) != 0) {
     fail("cannot mount over " + bundlePath_ + ": " + std::strerror(errno));
     return;
   }

@@ -1,9 +1,9 @@
 #include "engine/support/EngineFixture.h"
 
-#include <cstdlib>
 #include <vector>
 
 #include "Orb/ActivityManager.h"
+#include "support/TimeScale.h"
 
 namespace EngineTest {
 
@@ -13,12 +13,12 @@ void retain(const Orb::Ptr<Retra::RetraSm>& engine) {
 }
 
 bool runUntil(const std::function<bool()>& done, Orb::Seconds timeout) {
-  return Orb::activityManager()->runUntil(done, timeout);
+  return Orb::activityManager()->runUntil(done, timeout * RetraTest::timeScale());
 }
 
 bool runDry() {
   Orb::ActivityManager* manager = Orb::activityManager();
-  return manager->runUntil([manager] { return manager->liveHandles() == 0; }, 5.0);
+  return manager->runUntil([manager] { return manager->liveHandles() == 0; }, 5.0 * RetraTest::timeScale());
 }
 
 void RootFixture::TearDown() {

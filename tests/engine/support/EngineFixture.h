@@ -21,9 +21,11 @@ namespace EngineTest {
 // reports real leaks only.
 void retain(const Orb::Ptr<Retra::RetraSm>& engine);
 
-// Runs the activity loop until `done` holds, at most `timeout` seconds; returns `done()`.
+// Runs the activity loop until `done` holds, at most `timeout` seconds (stretched by
+// `RetraTest::timeScale()`); returns `done()`.
 bool runUntil(const std::function<bool()>& done, Orb::Seconds timeout = 10.0);
-// Runs the loop until the framework holds no libuv handle; false if that takes over 5 seconds.
+// Runs the loop until the framework holds no libuv handle; false if that takes over 5 seconds
+// (stretched by `RetraTest::timeScale()`).
 [[nodiscard]] bool runDry();
 
 // A fixture around a `Root` whose resolver asks the given name servers. It captures the
