@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace RetraBench {
+
+// The measurements one benchmark run prints, as one JSON line on stdout, which bench/run reads:
+//
+//   {"program":"retra-bench","requests":10000,"failures":0,"seconds":0.91,...}
+//
+// `seconds` runs from the first request written to the last one finished. The process's own
+// CPU time, peak RSS so far and current RSS are added when the line is made; with --keep the
+// programs first give free heap memory back (malloc_trim), so that the current RSS is what the
+// kept responses hold, without the peak of the requests still waiting earlier on.
+struct BenchReport {
+  std::string program;
+  size_t requests = 0;
+  size_t failures = 0;
+  double seconds = 0;
+  uint64_t bytes = 0;                     // body bytes of the requests that passed
+  double startSeconds = 0;                // bringing the client up, before the first write
+  std::optional<double> teardownSeconds;  // taking it down again (absent with --keep)
+  bool kept = false;
+};
+
+// The JSON line, newline included.
+[[nodiscard]] std::string jsonLine(const BenchReport& report);
+
+// Seconds on a monotonic clock, for differences.
+[[nodiscard]] double monotonicSeconds();
+
+}  // namespace RetraBench

@@ -1,0 +1,187 @@
+#include "retra/RetraBenchHost.h"
+
+#include <malloc.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <utility>
+
+#include "Orb/ActivityManager.h"
+#include "Retra/engine/RetraSm.h"
+#include "Retra/model/Request.h"
+#include "Retra/model/RequestDir.h"
+#include "Retra/model/Response.h"
+#include "Retra/model/ResponseDir.h"
+#include "common/BenchPlan.h"
+
+namespace RetraBench {
+namespace {
+
+// The loop runs in slices this long so that the time limit is looked at while all is quiet.
+constexpr Orb::Seconds kSlice = 1.0;
+// Beyond the requests' own limit, the host waits this long before it gives up.
+constexpr double kGraceSeconds = 30;
+
+// A started engine keeps itself alive on purpose; holding it until exit tells leak checkers
+// that it is still in use.
+void retainUntilExit(const Orb::Ptr<Retra::RetraSm>& engine) {
+  static auto* engines = new std::vector<Orb::Ptr<Retra::RetraSm>>;
+  engines->push_back(engine);
+}
+
+}  // namespace
+
+class RetraBenchHost::ResponseWatch : public Retra::Response::NotifieeConst {
+ public:
+  ResponseWatch(RetraBenchHost* host, size_t index) : host_(host), index_(index) {}
+  void onRequestState() override {
+    const Retra::Response* response = notifierPtr();
+    if (response && response->finished()) host_->handleFinished(index_, *response);
+  }
+
+ private:
+  RetraBenchHost* host_;
+  size_t index_;
+};
+
+RetraBenchHost::RetraBenchHost(const BenchOptions& options) : options_(options), tally_(options) {
+  report_.program = options.program;
+  report_.requests = options.count;
+  report_.kept = options.keep;
+}
+
+RetraBenchHost::~RetraBenchHost() = default;
+
+int RetraBenchHost::run() {
+  start();
+  writeRequests();
+  loop();
+  report_.seconds = lastFinish_ - firstWrite_;
+  report_.failures = tally_.failures() + (options_.count - tally_.finished());
+  report_.bytes = tally_.bytes();
+  if (!options_.keep) stop();
+  return finish();
+}
+
+void RetraBenchHost::start() {
+  const double begin = monotonicSeconds();
+  if (!options_.outputDir.empty()) std::filesystem::create_directories(options_.outputDir);
+  root_ = Orb::allocate<Retra::Root>("retra");
+  keys_.reserve(options_.count);
+  watches_.resize(options_.count);
+  report_.startSeconds = monotonicSeconds() - begin;
+}
+
+void RetraBenchHost::writeRequests() {
+  const Orb::Ptr<Retra::RequestDir> requests = root_->retraRequest();
+  const Orb::Ptr<Retra::ResponseDir> responses = root_->retraResponse();
+  firstWrite_ = monotonicSeconds();
+  for (size_t i = 0; i < options_.count; ++i) {
+    const Retra::RequestKey key(Retra::GET, Orb::String(requestUrl(options_, i)));
+    keys_.push_back(key);
+    Retra::Request request(key);
+    request.timeoutConnectIs(static_cast<uint16_t>(options_.timeoutSeconds));
+    request.timeoutRequestIs(static_cast<uint16_t>(options_.timeoutSeconds));
+    if (!options_.outputDir.empty()) request.outputPathIs(Orb::String(outputPath(options_, i)));
+    // Taken in at once: the response exists when this returns, finished already if it failed.
+    requests->requestIs(request);
+    const Orb::Ptr<Retra::Response> response = responses->response(key);
+    if (!response) {
+      finishedQueue_.push_back(Outcome{i, 0, false, "no response in the directory", 0, -1});
+      ++finishedCount_;
+      lastFinish_ = monotonicSeconds();
+      continue;
+    }
+    if (response->finished()) {
+      handleFinished(i, *response);
+      continue;
+    }
+    watches_[i] = Orb::allocate<ResponseWatch>(this, i);
+    watches_[i]->notifierIs(response);
+  }
+}
+
+void RetraBenchHost::handleFinished(size_t index, const Retra::Response& response) {
+  Outcome outcome;
+  outcome.index = index;
+  outcome.status = response.statusCode();
+  outcome.transferOk = response.lastError() == Retra::errNone;
+  if (!outcome.transferOk) {
+    outcome.error = Retra::stringValue(response.lastError()).str();
+    if (!response.lastErrorMessage().empty()) {
+      outcome.error += " (" + response.lastErrorMessage().str() + ")";
+    }
+  }
+  outcome.bodyBytes = response.body().size();
+  outcome.announcedLength = response.contentLengthDownload();
+  finishedQueue_.push_back(std::move(outcome));
+  if (++finishedCount_ == options_.count) lastFinish_ = monotonicSeconds();
+}
+
+void RetraBenchHost::loop() {
+  Orb::ActivityManager* manager = Orb::activityManager();
+  const double giveUpAt = firstWrite_ + options_.timeoutSeconds + kGraceSeconds;
+  takeFinished();
+  while (!tally_.allFinished()) {
+    (void)manager->runUntil([this] { return !finishedQueue_.empty(); }, kSlice);
+    takeFinished();
+    if (monotonicSeconds() > giveUpAt) {
+      std::cerr << options_.program << ": " << options_.count - tally_.finished()
+                << " requests did not finish in time\n";
+      lastFinish_ = monotonicSeconds();
+      break;
+    }
+  }
+}
+
+// Checks what finished since the last turn, lets its watch go and, without --keep, withdraws
+// the request. Done between turns, never inside a notification.
+void RetraBenchHost::takeFinished() {
+  const Orb::Ptr<Retra::RequestDir> requests = root_->retraRequest();
+  std::vector<Outcome> finished;
+  finished.swap(finishedQueue_);
+  for (const Outcome& outcome : finished) {
+    tally_.record(outcome);
+    if (outcome.index >= watches_.size()) continue;
+    if (Orb::Ptr<ResponseWatch>& watch = watches_[outcome.index]) {
+      watch->notifierIs(static_cast<const Retra::Response*>(nullptr));
+      watch = nullptr;
+    }
+    if (!options_.keep) (void)requests->requestDel(keys_[outcome.index]);
+  }
+}
+
+void RetraBenchHost::stop() {
+  const double begin = monotonicSeconds();
+  for (Orb::Ptr<ResponseWatch>& watch : watches_) {
+    if (watch) watch->notifierIs(static_cast<const Retra::Response*>(nullptr));
+    watch = nullptr;
+  }
+  if (Orb::Ptr<Retra::RetraSm> engine = root_->retraSm()) {
+    engine->shutdown();
+    retainUntilExit(engine);
+  }
+  root_ = nullptr;
+  Orb::ActivityManager* manager = Orb::activityManager();
+  (void)manager->runUntil([manager] { return manager->liveHandles() == 0; }, 2.0);
+  report_.teardownSeconds = monotonicSeconds() - begin;
+}
+
+int RetraBenchHost::finish() {
+  for (const std::string& line : tally_.failureLines()) {
+    std::cerr << options_.program << ": " << line << "\n";
+  }
+  const int status = report_.failures == 0 ? 0 : 1;
+  if (options_.keep) (void)::malloc_trim(0);
+  const std::string line = jsonLine(report_);
+  std::fwrite(line.data(), 1, line.size(), stdout);
+  std::fflush(stdout);
+  std::cerr << std::flush;
+  // Every response stays alive until the process ends.
+  if (options_.keep) std::_Exit(status);
+  return status;
+}
+
+}  // namespace RetraBench
