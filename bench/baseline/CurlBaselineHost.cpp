@@ -1,7 +1,6 @@
 #include "baseline/CurlBaselineHost.h"
 
 #include <arpa/inet.h>
-#include <malloc.h>
 #include <netdb.h>
 #include <sys/socket.h>
 
@@ -76,7 +75,7 @@ int CurlBaselineHost::run() {
   report_.failures = tally_.failures() + (options_.count - tally_.finished());
   report_.bytes = tally_.bytes();
   if (!options_.keep) stop();
-  return finish();
+  return finishRun(options_, tally_, report_);
 }
 
 void CurlBaselineHost::start() {
@@ -366,21 +365,6 @@ void CurlBaselineHost::stop() {
   transfers_.clear();
   curl_global_cleanup();
   report_.teardownSeconds = monotonicSeconds() - begin;
-}
-
-int CurlBaselineHost::finish() {
-  for (const std::string& line : tally_.failureLines()) {
-    std::cerr << options_.program << ": " << line << "\n";
-  }
-  const int status = report_.failures == 0 ? 0 : 1;
-  if (options_.keep) (void)::malloc_trim(0);
-  const std::string line = jsonLine(report_);
-  std::fwrite(line.data(), 1, line.size(), stdout);
-  std::fflush(stdout);
-  std::cerr << std::flush;
-  // Every body stays alive until the process ends.
-  if (options_.keep) std::_Exit(status);
-  return status;
 }
 
 }  // namespace RetraBench

@@ -74,7 +74,6 @@ class CurlBaselineHost {
   [[nodiscard]] curl_slist* pinnedAddresses(const std::string& url);
   void readInfo();
   void stop();
-  [[nodiscard]] int finish();
 
   const BenchOptions& options_;
   BenchTally tally_;

@@ -3,8 +3,15 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <malloc.h>
+
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <iostream>
+
+#include "common/BenchOptions.h"
+#include "common/BenchTally.h"
 
 namespace RetraBench {
 namespace {
@@ -56,6 +63,20 @@ std::string jsonLine(const BenchReport& report) {
   line += std::string(",\"kept\":") + (report.kept ? "true" : "false");
   line += "}\n";
   return line;
+}
+
+int finishRun(const BenchOptions& options, const BenchTally& tally, const BenchReport& report) {
+  for (const std::string& line : tally.failureLines()) {
+    std::cerr << options.program << ": " << line << "\n";
+  }
+  const int status = report.failures == 0 ? 0 : 1;
+  if (options.keep) (void)::malloc_trim(0);
+  const std::string line = jsonLine(report);
+  std::fwrite(line.data(), 1, line.size(), stdout);
+  std::fflush(stdout);
+  std::cerr << std::flush;
+  if (options.keep) std::_Exit(status);
+  return status;
 }
 
 }  // namespace RetraBench

@@ -29,6 +29,15 @@ struct BenchReport {
 // The JSON line, newline included.
 [[nodiscard]] std::string jsonLine(const BenchReport& report);
 
+class BenchTally;
+struct BenchOptions;
+
+// Ends a run the same way for both programs: the failures on stderr, the JSON line on stdout,
+// and the exit status (0 when every request passed). With --keep, free heap goes back to the
+// system first and the process ends here, every response or body still alive.
+[[nodiscard]] int finishRun(const BenchOptions& options, const BenchTally& tally,
+                            const BenchReport& report);
+
 // Seconds on a monotonic clock, for differences.
 [[nodiscard]] double monotonicSeconds();
 

@@ -1,7 +1,5 @@
 #include "retra/RetraBenchHost.h"
 
-#include <malloc.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -62,7 +60,7 @@ int RetraBenchHost::run() {
   report_.failures = tally_.failures() + (options_.count - tally_.finished());
   report_.bytes = tally_.bytes();
   if (!options_.keep) stop();
-  return finish();
+  return finishRun(options_, tally_, report_);
 }
 
 void RetraBenchHost::start() {
@@ -167,21 +165,6 @@ void RetraBenchHost::stop() {
   Orb::ActivityManager* manager = Orb::activityManager();
   (void)manager->runUntil([manager] { return manager->liveHandles() == 0; }, 2.0);
   report_.teardownSeconds = monotonicSeconds() - begin;
-}
-
-int RetraBenchHost::finish() {
-  for (const std::string& line : tally_.failureLines()) {
-    std::cerr << options_.program << ": " << line << "\n";
-  }
-  const int status = report_.failures == 0 ? 0 : 1;
-  if (options_.keep) (void)::malloc_trim(0);
-  const std::string line = jsonLine(report_);
-  std::fwrite(line.data(), 1, line.size(), stdout);
-  std::fflush(stdout);
-  std::cerr << std::flush;
-  // Every response stays alive until the process ends.
-  if (options_.keep) std::_Exit(status);
-  return status;
 }
 
 }  // namespace RetraBench

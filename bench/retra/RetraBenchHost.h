@@ -46,7 +46,6 @@ class RetraBenchHost {
   void takeFinished();
   void stop();
   void handleFinished(size_t index, const Retra::Response& response);
-  [[nodiscard]] int finish();
 
   const BenchOptions& options_;
   BenchTally tally_;
