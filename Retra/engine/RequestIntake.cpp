@@ -19,7 +19,9 @@ namespace Retra {
 namespace {
 
 // The request is gone from the directory: its resolver request (shared by every request of the
-// host: a later request simply asks again), its state machine and its response go too.
+// host: a later request simply asks again), its state machine and its response go too. Its entry
+// in `retraCurl` goes as well: it names a record that teardown has freed, and a host that keeps
+// writing new URIs would otherwise grow the map by one entry for every URI it ever withdrew.
 void withdraw(RetraSm& engine, const RequestKey& key) {
   if (Orb::Ptr<RequestSm> sm = engine.requestSm(key)) {
     const Orb::Ptr<Response> response = sm->response();
@@ -28,6 +30,7 @@ void withdraw(RetraSm& engine, const RequestKey& key) {
     sm = nullptr;
     (void)engine.requestSmDel(key);  // torn down here, as the last reference goes
   }
+  engine.retraCurlDel(key);
   (void)engine.retraResponse()->directory()->responseDel(key);
 }
 

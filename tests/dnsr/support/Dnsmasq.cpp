@@ -18,9 +18,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A UDP socket on 127.0.0.1, bound to `port` (0: any free one).
-int loopbackSocket(uint16_t port) {
-  int s = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+// A UDP (or TCP) socket on 127.0.0.1, bound to `port` (0: any free one).
+int loopbackSocket(uint16_t port, int type = SOCK_DGRAM) {
+  int s = ::socket(AF_INET, type | SOCK_CLOEXEC, 0);
   if (s < 0) return -1;
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -62,13 +62,18 @@ uint16_t freeLoopbackPort() {
   int s = loopbackSocket(0);
   uint16_t port = s < 0 ? 0 : portOf(s);
   if (s >= 0) ::close(s);
+  // dnsmasq listens on TCP too: a port that some client connection holds is no use.
+  int tcp = port == 0 ? -1 : loopbackSocket(port, SOCK_STREAM);
+  if (tcp < 0) return 0;
+  ::close(tcp);
   return port;
 }
 
 Dnsmasq::Dnsmasq(const std::string& hosts, unsigned ttl) : ttl_(ttl) {
   dir_.write("hosts", hosts);
-  // The free port may be taken between the check and dnsmasq's bind: try a few.
-  for (int attempt = 0; attempt < 5; ++attempt) {
+  // The free port may be taken between the check and dnsmasq's bind (busy suites open thousands
+  // of client connections): try until one holds.
+  for (int attempt = 0; attempt < 20; ++attempt) {
     if (started(freeLoopbackPort())) return;
   }
   ADD_FAILURE() << "dnsmasq did not start; its log:\n" << log();
