@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <string>
 
@@ -116,15 +117,17 @@ TEST_F(FaultFetchTest, UnusualHeaderLinesAreStoredByTheHeaderRule) {
 // complete there is no HTTP status, so libcurl's time-out is reported; once a status has
 // arrived, it is kept, with no error, and the body holds what came in time.
 TEST_F(FaultFetchTest, DrippingAnswersAreCutByTheRequestTimeout) {
+  // The pace stretches with the time-out (under a slow checker), so the drip still outlasts it.
+  const auto every = [](int ms) { return milliseconds(std::lround(ms * RetraTest::timeScale())); };
   const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 50\r\nConnection: close\r\n\r\n";
   const std::string body(50, 'x');
-  server_.routeIs("/status-line", FaultAnswers::drip(server_, head + body, milliseconds(400)));
+  server_.routeIs("/status-line", FaultAnswers::drip(server_, head + body, every(400)));
   server_.routeIs("/header-block",
                   FaultAnswers::dripAfter(server_, "HTTP/1.1 200 OK\r\n",
                                           "X-Slow: one byte at a time\r\nContent-Length: 2\r\n"
                                           "Connection: close\r\n\r\nok",
-                                          milliseconds(200)));
-  server_.routeIs("/body", FaultAnswers::dripAfter(server_, head, body, milliseconds(200)));
+                                          every(200)));
+  server_.routeIs("/body", FaultAnswers::dripAfter(server_, head, body, every(200)));
 
   auto responses =
       fetchAll({impatient(server_.url("/status-line")), impatient(server_.url("/header-block")),
