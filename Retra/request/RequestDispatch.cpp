@@ -32,6 +32,21 @@ std::string resolveEntry(const Orb::String& host, unsigned port, const Orb::Stri
   return std::string(host.view()) + ":" + std::to_string(port) + ":" + std::string(address.view());
 }
 
+// The request line's method for the methods libcurl does not choose by itself; null for every
+// other method, which goes out as libcurl's GET (HEAD included, with its body).
+const char* customRequestOf(Method method) {
+  switch (method) {
+    case PUT:
+      return "PUT";
+    case DELETE:
+      return "DELETE";
+    case PATCH:
+      return "PATCH";
+    default:
+      return nullptr;
+  }
+}
+
 // The libcurl options read here are deprecated in favour of newer forms; these are the ones the
 // engine sets on purpose.
 #pragma GCC diagnostic push
@@ -126,16 +141,9 @@ void RequestSm::doCurlDispatchRequest() {
       curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE, 0L);
     }
   }
-  // Every other method goes out as libcurl's GET, HEAD included (with its body).
-  if (method == PUT) {
-    RETRA_TRACE_SM(2, this, "] added custom request for PUT");
-    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, "PUT");
-  } else if (method == DELETE) {
-    RETRA_TRACE_SM(2, this, "] added custom request for DELETE");
-    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, "DELETE");
-  } else if (method == PATCH) {
-    RETRA_TRACE_SM(2, this, "] added custom request for PATCH");
-    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, "PATCH");
+  if (const char* custom = customRequestOf(method)) {
+    RETRA_TRACE_SM(2, this, "] added custom request for " << custom);
+    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, custom);
   }
 
   doCurlBuildHttpHeader();
