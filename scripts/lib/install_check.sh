@@ -49,6 +49,20 @@ install_check() {
       *) echo "install check: $program printed something else" >&2; return 1 ;;
     esac
   done
+  # A build on the bundled libcurl carries it in lib/retra/, and every program loads that one.
+  if [ -e "$libdir/retra/libcurl.so.4" ]; then
+    for program in "$work/with-cmake/fetch-one" "$work/with-pkg-config/fetch-one" \
+        "$prefix/bin/retra-fetch"; do
+      local loaded
+      loaded=$(ldd "$program" | awk '$1 == "libcurl.so.4" { print $3 }')
+      [ "$(realpath "$loaded")" = "$(realpath "$libdir/retra/libcurl.so.4")" ] || {
+        echo "install check: $program does not load the installed libcurl:" >&2
+        ldd "$program" | grep libcurl >&2
+        return 1
+      }
+    done
+    echo "  every program loads $libdir/retra/libcurl.so.4" >&2
+  fi
   output=$("$prefix/bin/retra-fetch" -s -m 10 "$url" 2>&1) || true
   [ "$output" = "installed Retra works" ] || {
     echo "install check: the installed retra-fetch printed '$output'" >&2

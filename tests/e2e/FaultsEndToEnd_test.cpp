@@ -90,7 +90,9 @@ TEST_F(FaultFetchTest, UnusualHeaderLinesAreStoredByTheHeaderRule) {
   EXPECT_EQ(odd->body(), "odd but readable");
   EXPECT_EQ(odd->header("X-No-Space"), "tight");
   EXPECT_EQ(odd->header("X-Trailing-Spaces"), "value   ");
-  EXPECT_EQ(odd->header("X-Folded"), "first part");
+  // libcurl 8 joins a folded continuation to its line; 7.88 hands the continuation over apart.
+  const bool joinsFolded = curl_version_info(CURLVERSION_NOW)->version_num >= 0x080000;
+  EXPECT_EQ(odd->header("X-Folded"), joinsFolded ? "first part continued part" : "first part");
   EXPECT_EQ(odd->header("X-Twice"), "two");  // the later line wins
   EXPECT_EQ(odd->header("Content-Length"), "16");
   // Lines without a value are not stored: the empty header, the folded continuation (it has

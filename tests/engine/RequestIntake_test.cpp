@@ -11,6 +11,7 @@
 #include "Orb/ActivityManager.h"
 #include "Retra/request/RequestSm.h"
 #include "engine/support/TransferFixture.h"
+#include "support/FaultAnswers.h"
 
 namespace {
 
@@ -194,7 +195,8 @@ TEST_F(RequestIntakeTest, WithdrawalRemovesResponseMachineAndTheHostsResolverReq
 }
 
 TEST_F(RequestIntakeTest, ResetRequestReturnsTheResponseToNotInit) {
-  const RequestKey key = requestIs("http://127.0.0.1:9/");
+  server_.routeIs("/silent", RetraTest::FaultAnswers::silence(server_));
+  const RequestKey key = requestIs(server_.url("/silent"));  // still under way when reset
   auto response = this->response(key);
   Orb::activityManager()->runOnce(0);  // let the refresh wake-up armed by the build pass
   engine_->refreshClock()->timeMinIs(std::numeric_limits<double>::infinity());

@@ -3,6 +3,7 @@
 
 #include <curl/curl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <string>
 #include <vector>
@@ -52,6 +53,10 @@ TEST_F(ResultHarvestTest, ErrorIsTheStatusFirstThenLibcurlsResult) {
   server_.routeIs("/odd", LoopbackHttpServer::Answer{799, {}, "odd"});
   server_.routeIs("/nothing", [](int, const LoopbackHttpServer::Received&) {});
   server_.routeIs("/silent", RetraTest::FaultAnswers::silence(server_));
+  server_.routeIs("/reset", [](int socket, const LoopbackHttpServer::Received&) {
+    const linger abort{1, 0};  // closing now resets the connection
+    ::setsockopt(socket, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+  });
   struct Case {
     std::string url;
     Retra::Error error;
@@ -67,6 +72,8 @@ TEST_F(ResultHarvestTest, ErrorIsTheStatusFirstThenLibcurlsResult) {
        Retra::errConnRefused,
        "",
        {Retra::stateRecvHeader, Retra::stateFinished}},
+      // A reset is seen when it happens, not when the time-out runs out.
+      {server_.url("/reset"), Retra::errCurlOther, curl_easy_strerror(CURLE_RECV_ERROR), {}},
       // The whole transfer gets at least the connect time-out: 1 second here, not "no limit".
       {server_.url("/silent"), Retra::errTimeout, "", {}},
   };

@@ -105,12 +105,12 @@ void FileDescriptor::watchReleased() {
 
 void FileDescriptor::events(int status, int events) {
   const uv_poll_t* poll = poll_;
+  // An error or hang-up on the descriptor (a refused connect, a reset) reaches the observers as
+  // readiness of whatever they watch, as poll(2) reports it: their next read or write returns
+  // the error. libuv has stopped the handle; it reports again once the watch changes.
+  if (status < 0)
+    events = (notifyOnReadable_ ? UV_READABLE : 0) | (notifyOnWritable_ ? UV_WRITABLE : 0);
   // After each visit: a callback may have moved or dropped the watch, or turned a flag off.
-  if (status < 0) {
-    ++exceptionPendingCount_;  // libuv has stopped the handle
-    notifiees().doVisit(&NotifieeConst::onExceptionPendingCount);
-    return;
-  }
   if ((events & UV_READABLE) && notifyOnReadable_) {
     ++readableCount_;
     notifiees().doVisit(&NotifieeConst::onReadableCount);

@@ -16,9 +16,12 @@ class ActivityManager;
 //
 //   readableCount          the descriptor has data to read, or the peer closed it
 //   writableCount          a write would not block
-//   exceptionPendingCount  an exceptional condition (priority data, or a poll error)
+//   exceptionPendingCount  priority data (TCP urgent data) is waiting
 //
-// Readiness is level-triggered: while data stays unread, every turn reports it again.
+// Readiness is level-triggered: while data stays unread, every turn reports it again. An error
+// or hang-up on the descriptor (a refused connect, a reset connection) is reported as readiness
+// of every direction being watched, as poll(2) does: the observer's next read or write returns
+// the error.
 //
 //   class Reader : public Orb::FileDescriptor::NotifieeConst {
 //     void onReadableCount() override { ::read(notifier()->descriptor(), ...); }
@@ -76,8 +79,8 @@ class FileDescriptor : public Entity {
   [[nodiscard]] uint64_t writableCount() const noexcept { return writableCount_; }
   [[nodiscard]] uint64_t exceptionPendingCount() const noexcept { return exceptionPendingCount_; }
 
-  // Whether the loop holds a poll handle for the descriptor. After a poll error the handle
-  // stays but reports nothing until the descriptor or a watch flag changes.
+  // Whether the loop holds a poll handle for the descriptor. After an error has been reported
+  // the handle stays but reports nothing more until the descriptor or a watch flag changes.
   [[nodiscard]] bool isWatching() const noexcept { return poll_ != nullptr; }
 
  protected:

@@ -49,7 +49,7 @@ class AresChannel::SocketWatch : public Orb::FileDescriptor::NotifieeConst {
   void onWritableCount() override {
     if (owner_) owner_->processed(ARES_SOCKET_BAD, socket_);
   }
-  // A poll error or priority data: a read lets c-ares see the socket's error and drop it.
+  // Priority data (errors arrive as readiness): a read lets c-ares look at the socket.
   void onExceptionPendingCount() override {
     if (owner_) owner_->processed(socket_, ARES_SOCKET_BAD);
   }
