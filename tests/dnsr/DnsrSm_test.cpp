@@ -68,6 +68,15 @@ TEST_F(DnsrSmTest, RefreshFollowsChangedAnswersAndAFailedOneKeepsTheAddresses) {
       runUntil([&] { return state("both.test") == "valid errNone 192.0.2.10 2001:db8::10"; }));
 }
 
+TEST_F(DnsrSmTest, AServerThatDoesNotAnswerIsPassedOverForTheNext) {
+  SilentServer silent;
+  Dnsmasq dns(zone);
+  serviceIs(silent.server() + "," + dns.server());
+  requests_->requestIs("v4only.test", 1);
+  ASSERT_TRUE(runUntil([&] { return state("v4only.test") == "valid errNone 192.0.2.20"; }));
+  EXPECT_GT(silent.queriesReceived(), 0u);
+}
+
 TEST_F(DnsrSmTest, LiteralsNeedNoServerASilentOneTimesOutAndWithdrawalsCancelLookUps) {
   SilentServer silent;
   requests_->requestIs("slow.test", 1);  // filed before the service exists: served too
