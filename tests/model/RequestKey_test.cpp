@@ -22,17 +22,12 @@ TEST(RequestKeyTest, OnlyTheDefaultKeyIsNullAndKeysHashAndOrderByMethodThenUri) 
   EXPECT_TRUE(RequestKey(Retra::GET, "http://a/") < RequestKey(Retra::GET, "http://z/"));
 }
 
-TEST(RequestKeyTest, TextAndAttributeLogFormsRoundTripAndMalformedOnesNameTheirFault) {
+TEST(RequestKeyTest, ValueFormRoundTripsAndMalformedFormsNameTheirFault) {
   const char* text =
       "Value('Retra::RequestKey', ** {'method': PUT, 'uri': 'http://127.0.0.1/a?b=c'})";
-  EXPECT_EQ(Retra::valueToStrep(RequestKey(Retra::PUT, "http://127.0.0.1/a?b=c")), text);
-  const RequestKey odd(Retra::PATCH, Orb::String("it's\\\n\0\x01", 7));
-  EXPECT_EQ(Orb::valueFromStrep<RequestKey>(Retra::valueToStrep(odd).view()), odd);
-  Orb::AttrLogOut log;
-  Retra::writeAttr(log, odd);
-  Orb::AttrLogIn in(log.bytes());
-  EXPECT_EQ(RequestKey(in), odd);
-
+  const RequestKey put(Retra::PUT, "http://127.0.0.1/a?b=c");
+  EXPECT_EQ(Retra::valueToStrep(put), text);
+  EXPECT_EQ(Orb::valueFromStrep<RequestKey>(text), put);
   const std::pair<const char*, const char*> cases[] = {
       {"Value('Retra::RequestKey', ** {'method': FETCH, 'uri': ''})", "'method'"},
       {"Value('Retra::RequestKey', ** {'method': GET, 'uri': x})", "'uri'"},
