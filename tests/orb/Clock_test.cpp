@@ -1,3 +1,4 @@
+// The clock and the activity loop that calls its observers.
 #include "Orb/Clock.h"
 
 #include <gtest/gtest.h>
@@ -5,12 +6,14 @@
 #include <limits>
 #include <stdexcept>
 
+#include "Orb/FileDescriptor.h"
 #include "orb/support/OrbTest.h"
 
 namespace {
 
 using OrbTest::Alarm;
 using ClockTest = OrbTest::LoopTest;
+using ActivityManagerTest = OrbTest::LoopTest;
 constexpr Orb::Seconds never = Orb::Clock::never;
 
 TEST_F(ClockTest, ObserverFiresOnceFromTheLoopAtItsLatestWakeTime) {
@@ -27,7 +30,6 @@ TEST_F(ClockTest, ObserverFiresOnceFromTheLoopAtItsLatestWakeTime) {
   EXPECT_EQ(alarm->calls, 0);  // only the loop calls observers
   EXPECT_TRUE(manager->runOnce(0));
   EXPECT_EQ(alarm->nowDuringCall, 1010);
-
   other->timeMinIs(1040);  // replaces the earlier one
   manager->timeIs(1039);
   EXPECT_FALSE(manager->runOnce(0));
@@ -36,22 +38,18 @@ TEST_F(ClockTest, ObserverFiresOnceFromTheLoopAtItsLatestWakeTime) {
   EXPECT_FALSE(manager->runOnce(0));
   EXPECT_EQ(alarm->calls + other->calls, 1);
   EXPECT_EQ(manager->liveHandles(), 0u);
+  manager->realTimeIs();
+  Orb::Expect expect;
+  expect.add(Orb::ExceptionId::range);
+  EXPECT_THROW(manager->timeIs(700), Orb::RangeException);  // only manual time is set
+  EXPECT_THROW(alarm->timeMinIs(std::numeric_limits<double>::quiet_NaN()), Orb::RangeException);
 }
 
-TEST_F(ClockTest, PastWakeTimeFiresOnNextTurnAndAFutureOneNoEarlier) {
+TEST_F(ClockTest, FutureWakeTimeInRealTimeFiresNoEarlier) {
   auto alarm = newAlarm();
-  alarm->action = [](Alarm& self) {
-    if (self.calls < 3) self.timeMinIs(Orb::System::currentTime() - 10);  // again, next turn
-  };
-  alarm->timeMinIs(Orb::System::currentTime() - 10);
-  for (int turn = 1; turn <= 3; ++turn) {
-    EXPECT_TRUE(manager->runOnce(0));
-    EXPECT_EQ(alarm->calls, turn);
-  }
-  EXPECT_FALSE(manager->runOnce(0));
   const Orb::Seconds wake = Orb::System::currentTime() + 0.02;
   alarm->timeMinIs(wake);
-  EXPECT_TRUE(manager->runUntil([&] { return alarm->calls == 4; }, 5.0));
+  EXPECT_TRUE(manager->runUntil([&] { return alarm->calls == 1; }, 60.0));
   EXPECT_GE(alarm->nowDuringCall, wake);
 }
 
@@ -85,17 +83,34 @@ TEST_F(ClockTest, ObserversGoneBeforeTheirTimeOrKilledInsideOnTimeNeverFire) {
   EXPECT_EQ(unregistered->calls, 1);
 }
 
-TEST_F(ClockTest, ManualTimeMovesOnlyWhenToldAndRealTimeCatchesUp) {
-  manager->manualTimeIs(500);
+TEST_F(ActivityManagerTest, StopEndsTheRunningLoopOnlyAndRunningInsideACallbackIsRefused) {
   auto alarm = newAlarm();
-  alarm->timeMinIs(501);
-  EXPECT_FALSE(manager->runOnce(0.02));  // real time passes, manual time does not
-  manager->realTimeIs();                 // 501 is long past in real time
-  EXPECT_TRUE(manager->runOnce(0));
-  Orb::Expect expect;
-  expect.add(Orb::ExceptionId::range);
-  EXPECT_THROW(manager->timeIs(700), Orb::RangeException);
-  EXPECT_THROW(alarm->timeMinIs(std::numeric_limits<double>::quiet_NaN()), Orb::RangeException);
+  alarm->action = [&](Alarm& self) {
+    Orb::Expect expect;
+    expect.add(Orb::ExceptionId::internal);
+    EXPECT_THROW(manager->runOnce(0), Orb::InternalException);
+    if (self.calls == 3) manager->stop();
+    self.timeMinIs(Orb::System::currentTime() - 1);  // once per turn
+  };
+  alarm->timeMinIs(Orb::System::currentTime() - 1);
+  EXPECT_TRUE(manager->runOnce(0));  // a past wake time fires on the next turn
+  EXPECT_EQ(alarm->calls, 1);
+  EXPECT_FALSE(manager->runUntil([] { return false; }, 60.0));
+  EXPECT_EQ(alarm->calls, 3);
+  manager->stop();  // outside runUntil: does not end the next one
+  EXPECT_TRUE(manager->runUntil([&] { return alarm->calls == 5; }, 60.0));
+  alarm->timeMinIs(never);
+  manager->runOnce(0);  // frees the clock's timer
+
+  OrbTest::SocketPair pair;  // a closing descriptor's handle is freed by the next turn
+  auto fd = Orb::allocate<Orb::FileDescriptor>(Orb::Name());
+  fd->descriptorIs(pair.fd[0]);
+  EXPECT_EQ(manager->liveHandles(), 0u);  // nothing to watch for yet
+  fd->notifyOnReadableIs(true);
+  fd->descriptorIs(-1);
+  EXPECT_EQ(manager->liveHandles(), 1u);
+  manager->runOnce(0);
+  EXPECT_EQ(manager->liveHandles(), 0u);
 }
 
 }  // namespace

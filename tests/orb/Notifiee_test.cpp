@@ -29,11 +29,15 @@ class Counter : public Orb::Entity {
   ~Counter() override { ++destroyed; }
 };
 
-// Logs its callbacks under its tag ("a" for onValue, "a+" when connected) and runs an optional
-// reaction to onValue().
+// Logs its callbacks under its tag: "a" for onValue, "a+" when connected, "a!" for an exception
+// reported to it, "a~" when destroyed while marked as being torn down. Runs an optional reaction
+// to onValue().
 class Watcher : public Counter::NotifieeConst {
  public:
   explicit Watcher(std::string tag) : tag_(std::move(tag)) {}
+  ~Watcher() override {
+    if (isTearingDown()) events.push_back(tag_ + "~");
+  }
   std::function<void()> reaction;
   void onValue() override {
     events.push_back(tag_);
@@ -42,6 +46,7 @@ class Watcher : public Counter::NotifieeConst {
 
  protected:
   void onNotifierConnected() override { events.push_back(tag_ + "+"); }
+  void onNotificationException(const std::exception&) override { events.push_back(tag_ + "!"); }
 
  private:
   std::string tag_;
@@ -63,18 +68,23 @@ class NotifieeTest : public ::testing::Test {
 };
 
 TEST_F(NotifieeTest, VisitsInOrderWhileObserversComeGoOrThrow) {
-  auto a = watcher("a"), b = watcher("b"), c = watcher("c");
+  auto a = watcher("a"), b = watcher("b"), c = watcher("c"), d = watcher("d");
   Orb::Ptr<Watcher> late;
-  // a throws after destroying b (the last reference), adding an observer and leaving itself.
+  // a throws after destroying b (the last reference), adding an observer and leaving itself:
+  // having left, it hears nothing of its exception. c throws and stays: it is told.
   a->reaction = [&] {
     b = nullptr;
     late = watcher("late");
     a->notifierIs(static_cast<const Counter*>(nullptr));
     throw std::runtime_error("boom");
   };
+  c->reaction = [] { throw std::runtime_error("bang"); };
   counter->valueIs();
+  c->reaction = nullptr;
   counter->valueIs();  // the newcomer waited for this visit
-  EXPECT_EQ(events, (Log{"a+", "b+", "c+", "a", "late+", "c", "c", "late"}));
+  d = nullptr;
+  EXPECT_EQ(events, (Log{"a+", "b+", "c+", "d+", "a", "b~", "late+", "c", "c!", "d", "c", "d",
+                         "late", "d~"}));
 }
 
 TEST_F(NotifieeTest, StrongObserversKeepTheNotifierAliveAndWeakOnesAreToldOfItsEnd) {
