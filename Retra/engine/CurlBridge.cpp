@@ -10,6 +10,7 @@
 
 #include "Orb/Exception.h"
 #include "Orb/Seconds.h"
+#include "Retra/engine/CurlCallScope.h"
 #include "Retra/engine/CurlGlobalData.h"
 #include "Retra/engine/CurlSocketData.h"
 #include "Retra/engine/RetraSm.h"
@@ -111,9 +112,13 @@ const char* mcodeString(int code) {
 void RetraSm::handleSocketEv(int fd) {
   RETRA_TRACE(2, "handleSocketEv"
                      << " on fd=" << fd);
+  const Orb::Ptr<RetraSm> self(this);  // a client's reactor may drop its Root meanwhile
   int running = 0;
-  const CURLMcode rc =
-      curl_multi_socket_action(static_cast<CURLM*>(curlMultiHandle_), fd, 0, &running);
+  CURLMcode rc;
+  {
+    CurlCallScope inside(*this);
+    rc = curl_multi_socket_action(static_cast<CURLM*>(curlMultiHandle_), fd, 0, &running);
+  }
   // A socket libcurl has already forgotten is no error.
   if (rc == CURLM_OK || rc == CURLM_BAD_SOCKET) {
     doCurlReadInfo();
@@ -126,9 +131,14 @@ void RetraSm::handleSocketEv(int fd) {
 void RetraSm::handleTimeout() {
   RETRA_TRACE(2, "void Retra::RetraSm::handleTimeout()");
   if (!curlMultiHandle_) return;
+  const Orb::Ptr<RetraSm> self(this);  // a client's reactor may drop its Root meanwhile
   int running = 0;
-  const CURLMcode rc = curl_multi_socket_action(static_cast<CURLM*>(curlMultiHandle_),
-                                                CURL_SOCKET_TIMEOUT, 0, &running);
+  CURLMcode rc;
+  {
+    CurlCallScope inside(*this);
+    rc = curl_multi_socket_action(static_cast<CURLM*>(curlMultiHandle_), CURL_SOCKET_TIMEOUT, 0,
+                                  &running);
+  }
   if (rc != CURLM_OK && rc != CURLM_BAD_SOCKET) {
     RETRA_TRACE(1, "curl_multi_socket_action error=" << mcodeString(rc));
     return;

@@ -189,9 +189,11 @@ CurlCallbackData* RetraSm::curlDataNew() {
 
 void RetraSm::curlDataFree(void* record) {
   if (!record || liveCurlData_.erase(record) == 0) return;
-  auto* cd = static_cast<CurlCallbackData*>(record);
-  cd->~CurlCallbackData();
-  std::free(cd);
+  // A callback of the transfer may still be on the stack, holding the record.
+  whenOutOfCurl([cd = static_cast<CurlCallbackData*>(record)] {
+    cd->~CurlCallbackData();
+    std::free(cd);
+  });
 }
 
 }  // namespace Retra

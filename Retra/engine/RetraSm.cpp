@@ -147,12 +147,14 @@ void RetraSm::shutdown() {
   for (const auto& [key, request] : requests->request()) keys.push_back(key);
   for (const RequestKey& key : keys) (void)requests->requestDel(key);
 
+  // From a client's reactor inside a transfer callback, libcurl still runs on both records: they
+  // go once it has returned.
   if (curlMultiHandle_) {
-    curl_multi_cleanup(static_cast<CURLM*>(curlMultiHandle_));
+    whenOutOfCurl([multi = static_cast<CURLM*>(curlMultiHandle_)] { curl_multi_cleanup(multi); });
     curlMultiHandleIs(nullptr);
   }
   // The attribute keeps the freed record's address: nothing reads it any more.
-  if (curlGlobal_) std::free(curlGlobal_);
+  if (curlGlobal_) whenOutOfCurl([global = curlGlobal_] { std::free(global); });
   initializedIs(false);
 }
 

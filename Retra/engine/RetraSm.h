@@ -1,6 +1,8 @@
 #pragma once
 
+#include <functional>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "Dnsr/ResolutionRecord.h"
@@ -208,6 +210,18 @@ class RetraSm : public Orb::PtrInterface {
   void handleTimeout();
   // Sets libcurl's one wake time (absolute seconds) on the timeout clock.
   void nudgeTimeoutClock(const double& deadline);
+  // Whether the engine is inside libcurl (a `CurlCallScope` lives).
+  [[nodiscard]] bool isInsideCurl() const noexcept { return insideCurl_ > 0; }
+  // Runs `action`, which releases libcurl objects or adds an easy handle, at once; while the
+  // engine is inside libcurl, once libcurl has returned (actions run in the order given).
+  template <class Action>
+  void whenOutOfCurl(Action&& action) {
+    if (insideCurl_ == 0) {
+      action();
+      return;
+    }
+    outOfCurl_.emplace_back(std::forward<Action>(action));
+  }
   // Completes every transfer libcurl reports finished, in libcurl's order: the response is raised
   // to at least `stateRecvHeader`, the result code goes into the record, the request's machine
   // harvests (`doCurlGetInfo`) and tears down (`doCurlShutdown`), and the record is released
@@ -225,8 +239,9 @@ class RetraSm : public Orb::PtrInterface {
   // Returns the key's response to `stateNotInit` and drops its state machine, so that the
   // refresh scan takes the request in again.
   void doResetRequest(const RequestKey& key);
-  // Frees a callback record the engine allocated, once its transfer is torn down; a record the
-  // engine did not allocate, or has freed already, is left alone.
+  // Frees a callback record the engine allocated, once its transfer is torn down (once libcurl
+  // has returned, when inside it); a record the engine did not allocate, or has freed already,
+  // is left alone.
   void curlDataFree(void* record);
 
   // ---- Host resolution (HostResolution.cpp)
@@ -254,6 +269,8 @@ class RetraSm : public Orb::PtrInterface {
   ~RetraSm() override;
 
  private:
+  friend class CurlCallScope;
+
   [[nodiscard]] CurlCallbackData* curlDataNew();
   // Requests with a state machine: the engine's count of transfers set up or running.
   [[nodiscard]] size_t numRunningRequests() const noexcept { return requestSm_.size(); }
@@ -270,6 +287,9 @@ class RetraSm : public Orb::PtrInterface {
   std::unordered_set<void*> liveCurlData_;
   // Every socket record handed to libcurl: never freed, as libcurl abandons them on removal.
   std::vector<CurlSocketData*> socketData_;
+  // Open CurlCallScopes, and the work waiting for the last of them to end.
+  int insideCurl_ = 0;
+  std::vector<std::function<void()>> outOfCurl_;
 };
 
 }  // namespace Retra

@@ -22,9 +22,13 @@ Orb::Ptr<RequestSm> machineOf(const RetraSm& engine, const RequestKey& key) {
 }  // namespace
 
 void RetraSm::doCurlReadInfo() {
-  CURLM* multi = static_cast<CURLM*>(curlMultiHandle_);
   int remaining = 0;
-  while (CURLMsg* message = curl_multi_info_read(multi, &remaining)) {
+  // The multi handle is read afresh each time: a client reacting to a finished fetch may have
+  // shut the engine down.
+  while (CURLMsg* message =
+             curlMultiHandle_
+                 ? curl_multi_info_read(static_cast<CURLM*>(curlMultiHandle_), &remaining)
+                 : nullptr) {
     RETRA_TRACE(9, remaining << " further curl response messages");
     if (message->msg != CURLMSG_DONE || !message->easy_handle) continue;
     // The message is libcurl's until the next call into it: keep what it says.

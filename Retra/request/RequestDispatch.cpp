@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Orb/Exception.h"
+#include "Retra/engine/RetraSm.h"
 #include "Retra/internal/LibTrace.h"
 #include "Retra/request/CurlCallbackData.h"
 #include "Retra/request/RequestSm.h"
@@ -153,8 +154,22 @@ void RequestSm::doCurlDispatchRequest() {
   }
   curl_easy_setopt(easy, CURLOPT_URL, response->uri().charPtr());
 
-  if (curl_multi_add_handle(cd->curlMultiHandle, easy) == CURLM_OK) {
-    RETRA_TRACE_SM(2, this, "] added easy handle " << static_cast<void*>(easy));
+  if (retraSm_ && retraSm_->isInsideCurl()) {
+    // A client's reactor changed the request from inside a transfer callback, and libcurl takes
+    // no handle then: it goes in once libcurl has returned, if this fetch is still the key's.
+    retraSm_->whenOutOfCurl([engine = retraSm_, key = response->requestKey(), cd, easy] {
+      const Orb::Ptr<RequestSm> sm = engine->requestSm(key);
+      if (sm && sm->curlData() == cd && cd->curlHandle == easy) sm->curlHandleAdded();
+    });
+    return;
+  }
+  curlHandleAdded();
+}
+
+void RequestSm::curlHandleAdded() {
+  const auto [cd, response] = transferInHand();
+  if (curl_multi_add_handle(cd->curlMultiHandle, cd->curlHandle) == CURLM_OK) {
+    RETRA_TRACE_SM(2, this, "] added easy handle " << static_cast<void*>(cd->curlHandle));
     return;
   }
   RETRA_TRACE_SM(1, this, "] failed to add easy handle to multi");

@@ -140,6 +140,9 @@ class RequestSm : public Orb::PtrInterface {
     Orb::Ptr<Response> response;
   };
   [[nodiscard]] TransferInHand transferInHand() const;
+  // The last step of dispatch: the easy handle into the multi handle; a refusal finishes the
+  // fetch with `errCurlAddHandle`.
+  void curlHandleAdded();
 
   mutable Orb::NotifieeList notifiees_;
   Orb::Ptr<OrbResponse> reactor_;

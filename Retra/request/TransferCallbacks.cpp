@@ -30,6 +30,13 @@ size_t leadingSkip(const char* value) {
   return skip < length ? skip : length;
 }
 
+// Whether a client's reactor has torn the transfer down from inside one of its callbacks: the
+// record has let go of its handle and its response may be gone, so the callback takes nothing
+// more and libcurl stops the transfer.
+bool tornDown(const CurlCallbackData& cd) {
+  return cd.curlHandle == nullptr;
+}
+
 // The answer of the write callback: the chunk taken, unless the response has finished meanwhile.
 size_t taken(const Response& response, size_t n) {
   return response.requestState() == stateFinished ? 0 : n;
@@ -40,12 +47,17 @@ size_t taken(const Response& response, size_t n) {
 size_t curlHeaderCB(void* buffer, size_t size, size_t nitems, void* userdata) {
   auto* cd = static_cast<CurlCallbackData*>(userdata);
   RETRA_ASSERT(cd);
+  if (tornDown(*cd)) return 0;
   // The response outlives whatever its notifications set off.
   const Orb::Ptr<Response> response(cd->response);
   if (response->requestState() == stateFinished) return 0;
   const size_t n = size * nitems;
   char* line = strndup(static_cast<const char*>(buffer), n);
   response->requestStateIs(stateRecvHeader);
+  if (tornDown(*cd)) {
+    std::free(line);
+    return 0;
+  }
   if (line) {
     // Everything before the first colon is the name, the rest of the line up to CR or LF the
     // value; later colons stay in the value.
@@ -61,15 +73,17 @@ size_t curlHeaderCB(void* buffer, size_t size, size_t nitems, void* userdata) {
 size_t curlWriteCB(void* buffer, size_t size, size_t nmemb, void* userdata) {
   auto* cd = static_cast<CurlCallbackData*>(userdata);
   RETRA_ASSERT(cd);
+  if (tornDown(*cd)) return 0;
   const Orb::Ptr<Response> response(cd->response);
   const size_t n = size * nmemb;
   response->requestStateIs(stateRecvBody);
+  if (tornDown(*cd)) return 0;
 
   const Orb::String outputPath = response->outputPath();
   if (outputPath.empty()) {
     // One new body, and so one body notification, per chunk.
     response->bodyIs(response->body() + Orb::String(static_cast<const char*>(buffer), n));
-    return taken(*response, n);
+    return tornDown(*cd) ? 0 : taken(*response, n);
   }
   if (!cd->outputFile) cd->outputFile = std::fopen(outputPath.charPtr(), "wb");
   if (cd->outputFile) {

@@ -31,9 +31,13 @@ class FinishOnBody : public Response::NotifieeConst {
 
 class TransferCallbacksTest : public ::testing::Test {
  protected:
-  void SetUp() override { record_.response = response_.ptr(); }
+  void SetUp() override {
+    record_.response = response_.ptr();
+    record_.curlHandle = curl_easy_init();  // a transfer not torn down
+  }
   void TearDown() override {
     if (record_.outputFile) std::fclose(record_.outputFile);
+    curl_easy_cleanup(record_.curlHandle);
   }
 
   // One header line as libcurl hands it over; returns what the callback took.

@@ -101,6 +101,7 @@ void FetchRunner::start() {
   }
 
   root_ = Orb::allocate<Retra::Root>("retra");
+  recovery_ = Retra::ParkedResponseRecovery::ParkedResponseRecoveryIs(root_->retraSm());
   directoryWatch_ = Orb::allocate<DirectoryWatch>(this);
   directoryWatch_->notifierIs(root_->retraResponse());
 
@@ -144,6 +145,7 @@ void FetchRunner::stop() {
     engine->shutdown();
     retainUntilExit(engine);
   }
+  recovery_ = nullptr;
   root_ = nullptr;
   Orb::ActivityManager* manager = Orb::activityManager();
   (void)manager->runUntil([manager] { return manager->liveHandles() == 0; }, 2.0);

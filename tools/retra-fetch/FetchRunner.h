@@ -10,6 +10,7 @@
 
 #include "Orb/Ptr.h"
 #include "Orb/Seconds.h"
+#include "Retra/engine/ParkedResponseRecovery.h"
 #include "Retra/engine/Root.h"
 #include "Retra/model/RequestKey.h"
 #include "Retra/model/Response.h"
@@ -85,6 +86,9 @@ class FetchRunner {
   std::ostream& err_;
   bool showProgress_;
   Orb::Ptr<Retra::Root> root_;
+  // Restarts responses a change of their host's addresses left parked (in watch mode a DNS
+  // outage would otherwise stop their refreshes).
+  Orb::Ptr<Retra::ParkedResponseRecovery> recovery_;
   Orb::Ptr<DirectoryWatch> directoryWatch_;
   std::vector<Slot> slots_;
   std::unordered_map<Retra::RequestKey, size_t> index_;
