@@ -11,14 +11,12 @@
 
 #include "Orb/ActivityManager.h"
 #include "dnsr/support/Dnsmasq.h"
-#include "e2e/support/FetchFixture.h"
-#include "support/FaultAnswers.h"
+#include "engine/support/EngineFixture.h"
 #include "support/LoopbackHttpServer.h"
 
 namespace {
 
 using Retra::Response;
-using RetraTest::FaultAnswers;
 using RetraTest::LoopbackHttpServer;
 
 constexpr int kHosts = 50;
@@ -33,11 +31,11 @@ std::string hostsFile() {
   return line + "\n";
 }
 
-class LifeCycleTest : public E2eTest::FetchFixture {
+class LifeCycleTest : public EngineTest::RootFixture {
  protected:
   void SetUp() override {
     ASSERT_TRUE(dns_.isRunning()) << dns_.log();
-    server_.routeIs("/hold", FaultAnswers::holdUntilClientCloses(server_, closedByClient_));
+    server_.routeIs("/hold", server_.holdUntilClientCloses(closedByClient_));
     rootIs(dns_.server());
   }
 
@@ -135,9 +133,8 @@ TEST_F(LifeCycleTest, ShutdownWithAThousandTransfersUnderWayLeavesNothingBehind)
 // is meant to behave; hosts withdraw requests of a shared host name knowing it.
 TEST_F(LifeCycleTest, WithdrawingARequestReDispatchesEveryResponseOfItsHostOnTheNextLookUp) {
   const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 20\r\nConnection: close\r\n\r\n";
-  server_.routeIs("/quick", LoopbackHttpServer::Answer{200, {}, "quick"});
-  server_.routeIs("/slow", FaultAnswers::dripAfter(server_, head, std::string(20, 's'),
-                                                   std::chrono::milliseconds(50)));
+  server_.routeIs("/quick", LoopbackHttpServer::answer(200, "quick"));
+  server_.routeIs("/slow", server_.drip(head, std::string(20, 's'), std::chrono::milliseconds(50)));
   const std::string base = "http://h0.test:" + std::to_string(server_.port());
   Orb::Ptr<Response> first = fetch(request(base + "/quick?first"));
   ASSERT_EQ(first->statusCode(), 200);

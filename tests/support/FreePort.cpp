@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <stdexcept>
-#include <thread>
 
 namespace RetraTest {
 
@@ -58,25 +57,6 @@ uint16_t FreePort::onIp4AndIp6() {
     if (bindTo(true, port) == port) return port;
   }
   throw std::runtime_error("no TCP port free on both 127.0.0.1 and ::1");
-}
-
-bool FreePort::accepts(uint16_t port, bool ipv6) {
-  int s = ::socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (s < 0) return false;
-  sockaddr_storage address;
-  socklen_t length = loopbackAddress(ipv6, port, &address);
-  bool connected = ::connect(s, reinterpret_cast<sockaddr*>(&address), length) == 0;
-  ::close(s);
-  return connected;
-}
-
-bool FreePort::awaitListener(uint16_t port, bool ipv6, std::chrono::milliseconds limit) {
-  auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!accepts(port, ipv6)) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
 }
 
 }  // namespace RetraTest

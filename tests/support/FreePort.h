@@ -1,30 +1,22 @@
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 
 namespace RetraTest {
 
-// TCP ports on the loopback interface for servers that take their port on a command line, and
-// a check that something listens on one. A port is free when asked for: bind to port 0, read
-// the port the kernel chose, close. Nothing reserves it afterwards, so a server started on it
-// may, rarely, lose it to another socket and should be ready to try again with another.
+// TCP ports on the loopback interface for servers that take their port on a command line. A port is
+// free when asked for: bind to port 0, read the port the kernel chose, close. Nothing reserves it
+// afterwards, so a server started on it may, rarely, lose it to another socket and should be ready
+// to try again with another.
 //
 //   uint16_t port = RetraTest::FreePort::onIp4AndIp6();
 //   ... start a server listening on 127.0.0.1:port and [::1]:port ...
-//   ASSERT_TRUE(RetraTest::FreePort::awaitListener(port, false, std::chrono::seconds(5)));
 class FreePort {
  public:
   // A port free on 127.0.0.1 (or ::1 when `ipv6`).
   [[nodiscard]] static uint16_t onLoopback(bool ipv6 = false);
   // A port free on both 127.0.0.1 and ::1 at once.
   [[nodiscard]] static uint16_t onIp4AndIp6();
-
-  // True when a TCP connection to the port on 127.0.0.1 (or ::1) is accepted right now.
-  [[nodiscard]] static bool accepts(uint16_t port, bool ipv6 = false);
-  // Tries accepts() every few milliseconds until it succeeds or `limit` has passed.
-  [[nodiscard]] static bool awaitListener(uint16_t port, bool ipv6,
-                                          std::chrono::milliseconds limit);
 };
 
 }  // namespace RetraTest

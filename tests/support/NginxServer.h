@@ -13,15 +13,14 @@ class ChildProcess;
 
 // Debian's nginx (/usr/sbin/nginx) run as a child process of the test, with its configuration,
 // pid file, logs, temporary paths and document root in a temporary directory of its own. It
-// serves plain HTTP on 127.0.0.1 and [::1] (the same port), and HTTPS on other ports with
-// certificates made for it (see certificates()); keep-alive is on.
+// serves plain HTTP on 127.0.0.1 and [::1] (the same port), and HTTPS on two other ports with
+// the self-signed certificates made for it (see certificates()); keep-alive is on.
 //
 // Content and routes:
 //   /small.txt        1 KiB of text (smallText())
 //   /large.bin        `largeSize` zero bytes (a sparse file, quick to make at any size)
 //   /status/404       404;  /status/500: 500
 //   /redirect/3       302 -> /redirect/2 -> /redirect/1 -> /small.txt (relative Locations)
-//   /loop             302 -> /loop, forever
 //   /basic/secret.txt behind basic auth, user kUser and password kPassword
 // Tests may add files under root() at any time.
 //
@@ -31,7 +30,6 @@ class ChildProcess;
 //
 //   RetraTest::NginxServer nginx;
 //   fetch(nginx.httpUrl("/small.txt"));                      // 200, 1024 bytes
-//   fetch(nginx.httpsUrl("/small.txt"), CURLOPT_CAINFO = nginx.certificates().caCert());
 class NginxServer {
  public:
   static constexpr const char* kUser = "user";
@@ -46,21 +44,14 @@ class NginxServer {
   [[nodiscard]] uint16_t port() const { return port_; }
   // HTTPS with the server certificate (localhost, 127.0.0.1, ::1), on both addresses.
   [[nodiscard]] uint16_t tlsPort() const { return tlsPort_; }
-  // HTTPS with the CA-signed certificate for Certificates::kWrongName.
-  [[nodiscard]] uint16_t wrongNameTlsPort() const { return wrongNamePort_; }
-  // HTTPS with the self-signed certificate.
-  [[nodiscard]] uint16_t selfSignedTlsPort() const { return selfSignedPort_; }
 
   // "http://127.0.0.1:port" + path; "http://[::1]:port" + path.
   [[nodiscard]] std::string httpUrl(const std::string& path = "/") const;
   [[nodiscard]] std::string httpUrl6(const std::string& path = "/") const;
-  // "https://127.0.0.1:tlsPort" + path (the certificate names the address, so it verifies).
+  // "https://127.0.0.1:tlsPort" + path (the certificate names the address).
   [[nodiscard]] std::string httpsUrl(const std::string& path = "/") const;
-  // "https://localhost:tlsPort" + path, for tests that want a host name checked.
-  [[nodiscard]] std::string httpsLocalhostUrl(const std::string& path = "/") const;
-  // URLs on 127.0.0.1 whose certificate fails verification: wrong name, or untrusted.
+  // The same on the port whose certificate is for Certificates::kWrongName.
   [[nodiscard]] std::string httpsWrongNameUrl(const std::string& path = "/") const;
-  [[nodiscard]] std::string httpsSelfSignedUrl(const std::string& path = "/") const;
 
   // The document root.
   [[nodiscard]] std::string root() const { return dir_.path("root"); }
@@ -84,7 +75,6 @@ class NginxServer {
   uint16_t port_ = 0;
   uint16_t tlsPort_ = 0;
   uint16_t wrongNamePort_ = 0;
-  uint16_t selfSignedPort_ = 0;
   std::unique_ptr<ChildProcess> nginx_;
 };
 

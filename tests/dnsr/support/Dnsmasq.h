@@ -41,7 +41,6 @@ class Dnsmasq {
 
  private:
   bool started(uint16_t port);
-  bool answers() const;
 
   RetraTest::TempDir dir_{"dnsr"};
   unsigned ttl_;
