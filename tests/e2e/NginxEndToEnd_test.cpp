@@ -106,17 +106,16 @@ TEST_F(NginxFetchTest, FetchPublishesEveryAttributeOnBothAddressesWithAndWithout
 // also skips the name check. A pinned key must match the server's whatever verification says.
 TEST_F(NginxFetchTest, TlsVerificationAndPinnedKeysDecideTheHandshake) {
   const std::string url = nginx_.httpsUrl("/small.txt");
-  const auto& certificates = nginx_.certificates();
 
   auto responses =
       fetchAll({request(url), unverified(request(nginx_.httpsWrongNameUrl("/small.txt"))),
-                unverified(request(url + "?pin"), certificates.serverPin()),
-                unverified(request(url + "?other"), certificates.otherPin())});
+                unverified(request(url + "?pin"), nginx_.serverPin()),
+                unverified(request(url + "?other"), nginx_.otherPin())});
 
   expectTlsFailure(responses[0], CURLE_PEER_FAILED_VERIFICATION);
   EXPECT_EQ(responses[1]->statusCode(), 200) << responses[1]->lastErrorMessage();
   EXPECT_EQ(responses[2]->statusCode(), 200) << responses[2]->lastErrorMessage();
-  EXPECT_EQ(responses[2]->pinnedPublicKey(), certificates.serverPin());
+  EXPECT_EQ(responses[2]->pinnedPublicKey(), nginx_.serverPin());
   expectTlsFailure(responses[3], CURLE_SSL_PINNEDPUBKEYNOTMATCH);
 }
 

@@ -155,6 +155,9 @@ TEST_F(RetraSmTest, IntakeTakesTheUriApartAndFailsWhatItCannotFetch) {
       {"https://a.test:8443/one", Retra::stateDnsResolving, Retra::errNone, "a.test", 8443,
        Retra::https},
       {"http://a.test/two", Retra::stateDnsResolving, Retra::errNone, "a.test", 80, Retra::http},
+      // Digits alone are no address; a port keeps its low sixteen bits.
+      {"http://1234/", Retra::stateDnsResolving, Retra::errNone, "1234", 80, Retra::http},
+      {"http://127.0.0.1:65616/", Retra::stateSendHeader, Retra::errNone, "", 80, Retra::http},
       {"not a uri", Retra::stateFinished, Retra::errUriParse, "", 0, Retra::http},
       {"http://[::1/", Retra::stateFinished, Retra::errUriParse, "", 0, Retra::http},
       // The scheme is checked after the host was handed to the resolver.
@@ -181,7 +184,7 @@ TEST_F(RetraSmTest, IntakeTakesTheUriApartAndFailsWhatItCannotFetch) {
     EXPECT_EQ(bool(engine->requestSm(key)), c.state != Retra::stateFinished);
   }
   // One resolver request per host, however many requests wait for it.
-  EXPECT_EQ(dnsrRequests_->request().size(), 2u);
+  EXPECT_EQ(dnsrRequests_->request().size(), 3u);
   EXPECT_EQ(dnsrRequests_->request("a.test"), 1u);
 }
 

@@ -65,10 +65,8 @@ void ChildProcess::stop(int signal, std::chrono::milliseconds grace) {
   }
 }
 
-std::string ChildProcess::run(const std::vector<std::string>& argv, const std::string& workDir) {
-  std::string command = workDir.empty() ? "" : "cd '" + workDir + "' && ";
-  for (const auto& word : argv) command += "'" + word + "' ";
-  FILE* pipe = ::popen((command + "2>&1").c_str(), "r");
+std::string ChildProcess::run(const std::string& command) {
+  FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
   if (!pipe) throw std::runtime_error("cannot run " + command);
   std::string output;
   char buffer[4096];

@@ -36,10 +36,9 @@ class ChildProcess {
   void stop(int signal = SIGTERM,
             std::chrono::milliseconds grace = std::chrono::milliseconds(5000));
 
-  // Runs a program through the shell to completion and returns what it wrote (standard output
-  // and error together). Throws std::runtime_error with the command and its output when it does
-  // not exit with status 0.
-  static std::string run(const std::vector<std::string>& argv, const std::string& workDir = "");
+  // Runs a shell command to completion and returns what it wrote (standard output and error
+  // together). Throws std::runtime_error with the command and its output when it fails.
+  static std::string run(const std::string& command);
 
  private:
   pid_t pid_ = -1;

@@ -10,8 +10,6 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "support/FreePort.h"
-
 namespace RetraTest {
 
 LoopbackHttpServer::LoopbackHttpServer() {
@@ -85,8 +83,25 @@ bool LoopbackHttpServer::send(int socket, const std::string& bytes) {
   return true;
 }
 
+uint16_t LoopbackHttpServer::freePort(bool ipv6, uint16_t port) {
+  const int s = ::socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in6 address{};  // its port sits where sockaddr_in has it
+  address.sin6_family = ipv6 ? AF_INET6 : AF_INET;
+  address.sin6_port = htons(port);
+  if (ipv6) {
+    address.sin6_addr = in6addr_loopback;
+  } else {
+    reinterpret_cast<sockaddr_in*>(&address)->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  }
+  socklen_t length = ipv6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+  const bool bound = ::bind(s, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
+                     ::getsockname(s, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+  ::close(s);
+  return bound ? ntohs(address.sin6_port) : 0;
+}
+
 std::string LoopbackHttpServer::refusingUrl(const std::string& path) {
-  return "http://127.0.0.1:" + std::to_string(FreePort::onLoopback()) + path;
+  return "http://127.0.0.1:" + std::to_string(freePort()) + path;
 }
 
 LoopbackHttpServer::Handler LoopbackHttpServer::silence() {

@@ -56,6 +56,9 @@ class LoopbackHttpServer {
                                           const std::string& headers = "");
   // Writes all of `bytes`; false when the peer went away first.
   static bool send(int socket, const std::string& bytes);
+  // Binds a TCP socket to `port` (0: any) of 127.0.0.1 (or ::1), closes it and returns the
+  // port bound, 0 when it was taken: a port free when asked.
+  [[nodiscard]] static uint16_t freePort(bool ipv6 = false, uint16_t port = 0);
   // A URL on a port nothing listens on: connections are refused.
   [[nodiscard]] static std::string refusingUrl(const std::string& path = "/");
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <chrono>
 #include <filesystem>
 #include <set>
@@ -10,7 +11,7 @@
 #include <thread>
 
 #include "support/ChildProcess.h"
-#include "support/FreePort.h"
+#include "support/LoopbackHttpServer.h"
 
 namespace RetraTest {
 
@@ -19,6 +20,28 @@ namespace {
 const char* const kNginx = "/usr/sbin/nginx";
 const int kStartAttempts = 5;
 const auto kStartLimit = std::chrono::seconds(15);
+
+// A TCP port free on both 127.0.0.1 and ::1 when asked (start() retries if it is taken later).
+uint16_t freePort() {
+  for (;;) {
+    const uint16_t port = LoopbackHttpServer::freePort();
+    if (LoopbackHttpServer::freePort(true, port) == port) return port;
+  }
+}
+
+// Makes `name`.key and a self-signed `name`.crt for `altNames`; returns the key's pin.
+std::string certificate(const TempDir& dir, const std::string& name, const std::string& altNames) {
+  const std::string openssl = "cd " + dir.path() + " && /usr/bin/openssl ";
+  ChildProcess::run(openssl + "genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out " +
+                    name + ".key && " + openssl + "req -x509 -new -key " + name +
+                    ".key -subj /CN=" + name + " -days 30 -addext subjectAltName=" + altNames +
+                    " -out " + name + ".crt");
+  std::string pin = ChildProcess::run(openssl + "pkey -in " + name +
+                                      ".key -pubout -outform DER | /usr/bin/openssl dgst -sha256 "
+                                      "-binary | /usr/bin/openssl base64 -A");
+  while (!pin.empty() && std::isspace(static_cast<unsigned char>(pin.back()))) pin.pop_back();
+  return "sha256//" + pin;
+}
 
 std::string listenOn(uint16_t port, const char* options = "") {
   std::string p = std::to_string(port);
@@ -69,7 +92,9 @@ std::string NginxServer::httpsWrongNameUrl(const std::string& path) const {
   return "https://127.0.0.1:" + std::to_string(wrongNamePort_) + path;
 }
 
-void NginxServer::writeContent() const {
+void NginxServer::writeContent() {
+  serverPin_ = certificate(dir_, "server", "DNS:localhost,IP:127.0.0.1,IP:::1");
+  otherPin_ = certificate(dir_, "wrong", "DNS:wrong.example");
   namespace fs = std::filesystem;
   fs::create_directories(root() + "/basic");
   fs::create_directories(dir_.path("temp"));
@@ -79,7 +104,7 @@ void NginxServer::writeContent() const {
   if (::truncate(large.c_str(), off_t(largeSize_)) != 0) {
     throw std::runtime_error("cannot size " + large);
   }
-  std::string hash = ChildProcess::run({"/usr/bin/openssl", "passwd", "-apr1", kPassword});
+  std::string hash = ChildProcess::run(std::string("/usr/bin/openssl passwd -apr1 ") + kPassword);
   while (!hash.empty() && (hash.back() == '\n' || hash.back() == '\r')) hash.pop_back();
   dir_.write("htpasswd", std::string(kUser) + ":" + hash + "\n");
 }
@@ -98,32 +123,28 @@ void NginxServer::writeConfig() const {
   auto server = [&](uint16_t port, const std::string& tls) {
     return "  server {\n" + listenOn(port, tls.empty() ? "" : " ssl") + tls + routes + "  }\n";
   };
-  auto certificate = [](const std::string& cert, const std::string& key) {
-    return "    ssl_certificate " + cert + ";\n    ssl_certificate_key " + key + ";\n";
+  auto certificate = [](const std::string& name) {
+    return "    ssl_certificate " + name + ".crt;\n    ssl_certificate_key " + name + ".key;\n";
   };
   std::string temp;
   for (const char* kind : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
     temp += "  " + std::string(kind) + "_temp_path " + d + "/temp/" + kind + ";\n";
   }
-  dir_.write(
-      "nginx.conf",
-      std::string(::geteuid() == 0 ? "user root;\n" : "") +
-          "daemon off;\nmaster_process off;\nworker_processes 1;\npid " + d +
-          "/nginx.pid;\nerror_log " + d +
-          "/error.log notice;\nevents { worker_connections 1024; }\nhttp {\n" + temp +
-          "  access_log off;\n  server_tokens off;\n  absolute_redirect off;\n"
-          "  types { text/plain txt; application/octet-stream bin; }\n"
-          "  keepalive_requests 10000;\n" +
-          server(port_, "") +
-          server(tlsPort_, certificate(certificates_.serverCert(), certificates_.serverKey())) +
-          server(wrongNamePort_,
-                 certificate(certificates_.wrongNameCert(), certificates_.wrongNameKey())) +
-          "}\n");
+  dir_.write("nginx.conf", std::string(::geteuid() == 0 ? "user root;\n" : "") +
+                               "daemon off;\nmaster_process off;\nworker_processes 1;\npid " + d +
+                               "/nginx.pid;\nerror_log " + d +
+                               "/error.log notice;\nevents { worker_connections 1024; }\nhttp {\n" +
+                               temp +
+                               "  access_log off;\n  server_tokens off;\n  absolute_redirect off;\n"
+                               "  types { text/plain txt; application/octet-stream bin; }\n"
+                               "  keepalive_requests 10000;\n" +
+                               server(port_, "") + server(tlsPort_, certificate(d + "/server")) +
+                               server(wrongNamePort_, certificate(d + "/wrong")) + "}\n");
 }
 
 bool NginxServer::start() {
   std::set<uint16_t> ports;
-  while (ports.size() < 3) ports.insert(FreePort::onIp4AndIp6());
+  while (ports.size() < 3) ports.insert(freePort());
   auto port = ports.begin();
   port_ = *port++;
   tlsPort_ = *port++;
