@@ -86,13 +86,6 @@ TEST(FetchOptionsTest, EachOptionSetsItsPartOfTheRequest) {
   EXPECT_EQ(
       RetraFetch::outputPathsFor(options({"--output-dir", "/tmp/d/", "-o", "x", "http://h/"})),
       std::vector<std::string>{"/tmp/d/x"});
-  const auto watch =
-      options({"--watch", "--count", "3", "--refresh", "0", "--dns-servers",
-               "127.0.0.1:5353,[::1]:53", "--json", "--stats", "-i", "-s", "http://h/"});
-  EXPECT_TRUE(watch.watch && watch.json && watch.stats && watch.include && watch.silent);
-  EXPECT_EQ(watch.count, 3u);
-  EXPECT_EQ(watch.refresh, 0u);
-  EXPECT_EQ(watch.dnsServers, "127.0.0.1:5353,[::1]:53");
 }
 
 TEST(FetchOptionsTest, UsageErrorsNameTheOptionAndTheValue) {

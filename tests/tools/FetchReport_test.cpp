@@ -23,18 +23,13 @@ TEST(FetchReportTest, SecondFetchReportsOnlyItsOwnShare) {
   counter->speedDownloadIs(1000);
   response->timerIs()->totalInc(0.5);
   response->timerIs()->connectInc(0.125);
-  response->statusCodeIs(201);
   response->headerIs("Server", "test");
   response->headerIs("Content-Type", "text/plain");
   response->bodyIs("first");
   response->contentLengthDownloadIs(100);
 
   const RetraFetch::FetchReport first = RetraFetch::reportOf(*response, {});
-  EXPECT_EQ(first.method, Retra::PUT);
-  EXPECT_EQ(first.uri, "http://127.0.0.1:1/x");
-  EXPECT_EQ(first.statusCode, 201);
   EXPECT_EQ(first.bytes, 100u);
-  EXPECT_DOUBLE_EQ(first.seconds, 0.5);
   EXPECT_EQ(first.expectedBytes, 100);
   EXPECT_EQ(first.body, "first");
   EXPECT_EQ(first.headers, (std::vector<std::pair<std::string, std::string>>{

@@ -141,12 +141,17 @@ TEST(RetraFetchTest, WatchWithCountReportsEveryFetchUntilTheCount) {
   const std::vector<Json> fetches = jsonLines(json);
   ASSERT_EQ(fetches.size(), 3u) << json.out;
   for (size_t i = 0; i < fetches.size(); ++i) {
+    EXPECT_EQ(fetches[i]["body"], "tick");                           // each fetch starts afresh
     EXPECT_EQ(fetches[i]["numRequest"], i + 1);                      // one more dispatch per fetch
     EXPECT_EQ(fetches[i]["counter"]["bytesDownload"], 4 * (i + 1));  // adds up
+    // A fetch builds a new state machine, which always counts as a change.
+    EXPECT_EQ(fetches[i]["lastChangeTime"], fetches[i]["lastUpdateTime"]);
   }
+  // Each summary line tells its own fetch's share.
   const auto lines = linesOf(json.err);
   ASSERT_EQ(lines.size(), 3u) << json.err;
-  EXPECT_TRUE(lines[0].starts_with("GET " + url + " -> 200, 4 bytes, "));
+  for (const std::string& line : lines)
+    EXPECT_TRUE(line.starts_with("GET " + url + " -> 200, 4 bytes, "));
   EXPECT_TRUE(contains(lines[2], "[fetch 3]"));
   EXPECT_EQ(plain.exitCode, 0) << plain.err;
   EXPECT_EQ(plain.out, "ticktick");  // every fetch's body as it finishes
