@@ -25,13 +25,6 @@ constexpr int kTransfers = 1000;
 // The engine lets libcurl open at most this many connections at once (and 4 per host).
 constexpr size_t kMaxConnections = 100;
 
-// "127.0.0.1 h0.test h1.test ...": every name on the server's address.
-std::string hostsFile() {
-  std::string line = "127.0.0.1";
-  for (int i = 0; i < kHosts; ++i) line += " h" + std::to_string(i) + ".test";
-  return line + "\n";
-}
-
 class LifeCycleTest : public EngineTest::RootFixture {
  protected:
   void SetUp() override {
@@ -53,7 +46,7 @@ class LifeCycleTest : public EngineTest::RootFixture {
     return r;
   }
 
-  DnsrTest::Dnsmasq dns_{hostsFile()};
+  DnsrTest::Dnsmasq dns_{DnsrTest::Dnsmasq::namesOn("127.0.0.1", kHosts)};
   std::atomic<size_t> closedByClient_{0};  // outlives the server, whose handlers count here
   LoopbackHttpServer server_;
 };

@@ -81,13 +81,6 @@ size_t heapNow() {
   return info.uordblks + info.hblkhd;
 }
 
-// "127.0.0.1 h0.test h1.test ...": every name on nginx's address.
-std::string hostsFile() {
-  std::string line = "127.0.0.1";
-  for (int i = 0; i < kHosts; ++i) line += " h" + std::to_string(i) + ".test";
-  return line + "\n";
-}
-
 enum class Fate { kept, withdrawn, changed };
 
 struct Planned {
@@ -126,7 +119,7 @@ class LoadTest : public EngineTest::RootFixture {
     return finished;
   }
 
-  DnsrTest::Dnsmasq dns_{hostsFile(), /*ttl=*/3600};
+  DnsrTest::Dnsmasq dns_{DnsrTest::Dnsmasq::namesOn("127.0.0.1", kHosts), /*ttl=*/3600};
   NginxServer nginx_;
   std::vector<std::string> contents_;
 };

@@ -63,13 +63,9 @@ NginxServer::NginxServer(uint64_t largeSize) : largeSize_(largeSize) {
 NginxServer::~NginxServer() = default;
 
 std::string NginxServer::smallText() {
-  std::string text;
-  for (int line = 0; line < 16; ++line) {
-    std::string row = "line " + std::to_string(line) + " of the small file ";
-    while (row.size() < 63) row += char('a' + row.size() % 26);
-    text += row + "\n";
-  }
-  return text;  // 16 lines of 64 bytes
+  std::string text(1024, '\n');
+  for (size_t i = 0; i < text.size(); ++i) text[i] = i % 64 == 63 ? '\n' : char('a' + i % 23);
+  return text;
 }
 
 std::string NginxServer::errorLog() const {

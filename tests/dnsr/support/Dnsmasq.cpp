@@ -112,6 +112,12 @@ std::string Dnsmasq::server() const {
   return "127.0.0.1:" + std::to_string(port_);
 }
 
+std::string Dnsmasq::namesOn(const std::string& address, int count) {
+  std::string line = address;
+  for (int i = 0; i < count; ++i) line += " h" + std::to_string(i) + ".test";
+  return line + "\n";
+}
+
 void Dnsmasq::hostsIs(const std::string& hosts) {
   const std::string readLine = "read " + dir_.path("hosts");
   const size_t reads = occurrences(log(), readLine);
