@@ -125,7 +125,10 @@ TEST_F(RetraSmTest, ReplacedAndRemovedReactorsNoLongerActForTheEngine) {
   first->requestStateIs(Retra::stateDnsResolving);
   ASSERT_EQ(reactorsActing(), 1u);
 
-  (void)engine->retraResponseReactorIs(Orb::allocate<Response>(replaced));
+  // The same response keeps its reactor; another one for the key gets a new reactor.
+  EXPECT_EQ(engine->retraResponseReactorIs(second), removedReactor);
+  auto fresh = Orb::allocate<Response>(replaced);
+  EXPECT_EQ(engine->retraResponseReactorIs(fresh)->response(), fresh);
   (void)responses_->responseDel(removed);
   auto oldDirectoryReactor = engine->retraResponse();
   engine->retraResponseIs(Orb::allocate<Retra::ResponseDir>("other"));
@@ -268,6 +271,25 @@ TEST_F(RetraSmTest, FinishedRequestsAreRefreshedOnceTheirPeriodHasRunOut) {
   }
   EXPECT_EQ(waiting(), 0);
   EXPECT_EQ(response(reset[1])->requestState(), Retra::stateDnsResolving);
+}
+
+class RootTest : public EngineTest::RootFixture {
+ protected:
+  void SetUp() override { rootIs(""); }
+};
+
+TEST_F(RootTest, EngineIsRebuiltOnlyForOtherObjects) {
+  auto clock = Orb::activityManager()->clock();
+  auto engineOn = [&](const Orb::Ptr<Orb::Clock>& refreshClock) {
+    return root_->retraSmIs(root_->retraRequest(), root_->retraResponse(), root_->dnsrRequest(),
+                            root_->dnsrRecord(), refreshClock, clock);
+  };
+  const Orb::Ptr<Retra::RetraSm> first = engine_;
+  EXPECT_EQ(engineOn(clock), first);
+  EXPECT_NE(engineOn(Orb::allocate<Orb::Clock>("refresh")), first);
+  EXPECT_FALSE(first->hasNotificationActive());
+  first->shutdown();
+  EngineTest::retain(first);
 }
 
 }  // namespace
