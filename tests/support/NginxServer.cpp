@@ -110,9 +110,6 @@ void NginxServer::writeConfig() const {
   const std::string routes =
       "    root " + root() + ";\n" +
       "    location = /status/404 { return 404; }\n"
-      "    location = /status/500 { return 500; }\n"
-      "    location = /redirect/3 { return 302 /redirect/2; }\n"
-      "    location = /redirect/2 { return 302 /redirect/1; }\n"
       "    location = /redirect/1 { return 302 /small.txt; }\n"
       "    location /basic/ { auth_basic \"Retra test\"; auth_basic_user_file " +
       d + "/htpasswd; }\n";

@@ -20,8 +20,8 @@ class ChildProcess;
 // Content and routes:
 //   /small.txt        1 KiB of text (smallText())
 //   /large.bin        `largeSize` zero bytes (a sparse file, quick to make at any size)
-//   /status/404       404;  /status/500: 500
-//   /redirect/3       302 -> /redirect/2 -> /redirect/1 -> /small.txt (relative Locations)
+//   /status/404       404
+//   /redirect/1       302 -> /small.txt (a relative Location)
 //   /basic/secret.txt behind basic auth, user kUser and password kPassword
 // Tests may add files under root() at any time.
 //
