@@ -1,6 +1,7 @@
 // The engine stopped while a thousand transfers are under way, and the root taken down after it:
 // every request and response goes, every connection is closed, a second stop does nothing, and
-// no libuv handle is left once the root is gone.
+// no libuv handle is left once the root is gone. Requests withdrawn or changed while their
+// transfers run.
 
 #include <gtest/gtest.h>
 
@@ -11,14 +12,12 @@
 
 #include "Orb/ActivityManager.h"
 #include "dnsr/support/Dnsmasq.h"
-#include "e2e/support/FetchFixture.h"
-#include "support/FaultAnswers.h"
+#include "engine/support/EngineFixture.h"
 #include "support/LoopbackHttpServer.h"
 
 namespace {
 
 using Retra::Response;
-using RetraTest::FaultAnswers;
 using RetraTest::LoopbackHttpServer;
 
 constexpr int kHosts = 50;
@@ -26,18 +25,11 @@ constexpr int kTransfers = 1000;
 // The engine lets libcurl open at most this many connections at once (and 4 per host).
 constexpr size_t kMaxConnections = 100;
 
-// "127.0.0.1 h0.test h1.test ...": every name on the server's address.
-std::string hostsFile() {
-  std::string line = "127.0.0.1";
-  for (int i = 0; i < kHosts; ++i) line += " h" + std::to_string(i) + ".test";
-  return line + "\n";
-}
-
-class LifeCycleTest : public E2eTest::FetchFixture {
+class LifeCycleTest : public EngineTest::RootFixture {
  protected:
   void SetUp() override {
     ASSERT_TRUE(dns_.isRunning()) << dns_.log();
-    server_.routeIs("/hold", FaultAnswers::holdUntilClientCloses(server_, closedByClient_));
+    server_.routeIs("/hold", server_.holdUntilClientCloses(closedByClient_));
     rootIs(dns_.server());
   }
 
@@ -54,7 +46,7 @@ class LifeCycleTest : public E2eTest::FetchFixture {
     return r;
   }
 
-  DnsrTest::Dnsmasq dns_{hostsFile()};
+  DnsrTest::Dnsmasq dns_{DnsrTest::Dnsmasq::namesOn("127.0.0.1", kHosts)};
   std::atomic<size_t> closedByClient_{0};  // outlives the server, whose handlers count here
   LoopbackHttpServer server_;
 };
@@ -135,9 +127,8 @@ TEST_F(LifeCycleTest, ShutdownWithAThousandTransfersUnderWayLeavesNothingBehind)
 // is meant to behave; hosts withdraw requests of a shared host name knowing it.
 TEST_F(LifeCycleTest, WithdrawingARequestReDispatchesEveryResponseOfItsHostOnTheNextLookUp) {
   const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 20\r\nConnection: close\r\n\r\n";
-  server_.routeIs("/quick", LoopbackHttpServer::Answer{200, {}, "quick"});
-  server_.routeIs("/slow", FaultAnswers::dripAfter(server_, head, std::string(20, 's'),
-                                                   std::chrono::milliseconds(50)));
+  server_.routeIs("/quick", LoopbackHttpServer::answer(200, "quick"));
+  server_.routeIs("/slow", server_.drip(head, std::string(20, 's'), std::chrono::milliseconds(50)));
   const std::string base = "http://h0.test:" + std::to_string(server_.port());
   Orb::Ptr<Response> first = fetch(request(base + "/quick?first"));
   ASSERT_EQ(first->statusCode(), 200);
@@ -160,6 +151,84 @@ TEST_F(LifeCycleTest, WithdrawingARequestReDispatchesEveryResponseOfItsHostOnThe
   ASSERT_TRUE(await([&] { return response(slow)->finished(); }, "the slow answer"));
   EXPECT_EQ(response(slow)->lastError(), Retra::errCurlAddHandle) << describe(slow);
   EXPECT_LT(response(slow)->body().size(), 20u);
+}
+
+// A request whose transfer is under way, withdrawn or changed.
+class RunningTransferTest : public EngineTest::RootFixture {
+ protected:
+  void SetUp() override { rootIs(""); }
+};
+
+TEST_F(RunningTransferTest, WithdrawnWhileItsTransferRunsLeavesNothingBehind) {
+  LoopbackHttpServer server;
+  // A 200 whose body trickles in, a byte every 20 ms, until the client goes away.
+  server.routeIs("/trickle", server.drip("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n",
+                                         std::string(100000, 'x'), std::chrono::milliseconds(20)));
+  server.routeIs("/quick", LoopbackHttpServer::answer(200, "quick"));
+  const Retra::RequestKey key = requestIs(server.url("/trickle"));
+  ASSERT_TRUE(await(
+      [&] {
+        Orb::Ptr<Response> r = response(key);
+        return r && r->body().size() >= 3;
+      },
+      "a few bytes of the body"));
+  Orb::Ptr<Response> withdrawn = response(key);
+
+  requestDel(key);
+
+  EXPECT_FALSE(response(key));
+  EXPECT_TRUE(withdrawn->finished());
+  const Orb::String bodySoFar = withdrawn->body();
+  EngineTest::runUntil([] { return false; }, 0.5);
+  EXPECT_EQ(withdrawn->body(), bodySoFar);  // the transfer is gone: nothing more arrives
+  EXPECT_FALSE(response(key));
+
+  // The engine carries on with other requests.
+  Orb::Ptr<Response> next = fetch(request(server.url("/quick")));
+  EXPECT_EQ(next->statusCode(), 200);
+  EXPECT_EQ(next->body(), "quick");
+}
+
+TEST_F(RunningTransferTest, RequestChangedWhileItsTransferRunsEndsWithTheNewSettings) {
+  LoopbackHttpServer server;
+  // The first version gets its headers and a piece of the body, then the server holds on; any
+  // other version gets its whole answer at once.
+  server.routeIs("/versioned", [&server](int socket, const std::string& head) {
+    if (head.find("X-Version: 1") == std::string::npos) {
+      LoopbackHttpServer::send(socket, LoopbackHttpServer::answer(200, "version 2"));
+      return;
+    }
+    LoopbackHttpServer::send(socket, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nversion 1");
+    server.pauseFor(std::chrono::hours(1));
+  });
+  Retra::Request first = request(server.url("/versioned"));
+  first.headerIs("X-Version", "1");
+  const Retra::RequestKey key = first.requestKey();
+  requestIs(first);
+  ASSERT_TRUE(await(
+      [&] {
+        Orb::Ptr<Response> r = response(key);
+        return r && r->requestState() == Retra::stateRecvBody;
+      },
+      "the first version's body to start arriving"));
+  Orb::Ptr<Response> r = response(key);
+
+  Retra::Request second = first;
+  second.headerIs("X-Version", "2");
+  requestIs(second);
+
+  const bool ended =
+      await([&] { return r->finished() && r->statusCode() == 200 && r->body() == "version 2"; },
+            "the second version's transfer to finish");
+  EXPECT_TRUE(ended) << describe(key) << ", body '" << r->body() << "'";
+  EXPECT_EQ(response(key), r);
+  EXPECT_EQ(r->lastError(), Retra::errNone);
+  EXPECT_EQ(r->requestheader("X-Version"), "2");
+  EXPECT_EQ(r->numRequest(), 2u);
+  const auto received = server.requests();
+  ASSERT_EQ(received.size(), 2u);
+  EXPECT_NE(received[0].find("X-Version: 1"), std::string::npos);
+  EXPECT_NE(received[1].find("X-Version: 2"), std::string::npos);
 }
 
 }  // namespace

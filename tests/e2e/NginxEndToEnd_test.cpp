@@ -1,19 +1,20 @@
-// Fetches from a real nginx on the loopback interface: plain and verified TLS transfers on both
-// address families, authentication, redirects, error statuses and downloads to a file.
+// Fetches from a real nginx on the loopback interface: plain and TLS transfers on both address
+// families, verification and pinned keys, authentication, error statuses, downloads to a file, and
+// host names resolved by the library's own resolver.
 
+#include <curl/curl.h>
 #include <gtest/gtest.h>
-
 #include <sys/stat.h>
-#include <algorithm>
+
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <regex>
 #include <string>
 
-#include "e2e/support/FetchFixture.h"
-#include "e2e/support/TrustedCa.h"
+#include "Ipkit/Ip6Addr.h"
+#include "Ipkit/IpAddr.h"
+#include "dnsr/support/Dnsmasq.h"
+#include "engine/support/EngineFixture.h"
 #include "support/NginxServer.h"
 #include "support/TempDir.h"
 
@@ -22,193 +23,196 @@ namespace {
 using Retra::Response;
 using RetraTest::NginxServer;
 
-class NginxFetchTest : public E2eTest::FetchFixture {
+class NginxFetchTest : public EngineTest::RootFixture {
  protected:
   void SetUp() override { rootIs(""); }
 
-  // Everything a first fetch of /small.txt publishes: result, headers, body, lengths, counters,
-  // timers and stamps.
-  void expectSmallFile(const Orb::Ptr<Response>& response, const std::string& url, bool tls,
-                       Orb::Seconds before) {
-    SCOPED_TRACE(url);
-    EXPECT_EQ(response->lastError(), Retra::errNone) << response->lastErrorMessage();
-    EXPECT_EQ(response->statusCode(), 200);
-    EXPECT_EQ(response->body(), NginxServer::smallText());
-    EXPECT_EQ(response->effectiveUrl(), url);
-    EXPECT_EQ(response->contentType(), "text/plain");
-    EXPECT_EQ(response->contentLengthDownload(), 1024);
-    EXPECT_EQ(response->scheme(), tls ? Retra::https : Retra::http);
-    EXPECT_TRUE(response->resolved());
-    EXPECT_EQ(response->numRequest(), 1u);
+  [[nodiscard]] static Retra::Request unverified(Retra::Request r, const std::string& pin = "") {
+    r.sslVerifyPeerIs(false);
+    r.pinnedPublicKeyIs(pin);
+    return r;
+  }
 
+  // A failed handshake: no HTTP status, libcurl's own text for `code`.
+  static void expectTlsFailure(const Orb::Ptr<Response>& r, CURLcode code) {
+    SCOPED_TRACE(r->uri());
+    EXPECT_EQ(r->lastError(), Retra::errCurlOther);
+    EXPECT_EQ(r->lastErrorMessage(), curl_easy_strerror(code));
+    EXPECT_EQ(r->statusCode(), 0);
+    EXPECT_EQ(r->body(), "");
+  }
+
+  NginxServer nginx_;
+};
+
+// Everything a first fetch of /small.txt publishes: result, headers, body, lengths, counters,
+// timers and stamps.
+TEST_F(NginxFetchTest, FetchPublishesEveryAttributeOnBothAddressesWithAndWithoutTls) {
+  const std::string urls[] = {nginx_.httpUrl("/small.txt"), nginx_.httpUrl6("/small.txt"),
+                              nginx_.httpsUrl("/small.txt"),
+                              "https://[::1]:" + std::to_string(nginx_.tlsPort()) + "/small.txt"};
+  const Orb::Seconds before = now();
+
+  auto responses = fetchAll({request(urls[0]), request(urls[1]), unverified(request(urls[2])),
+                             unverified(request(urls[3]))});
+
+  for (size_t i = 0; i < responses.size(); ++i) {
+    const Orb::Ptr<Response>& r = responses[i];
+    const bool tls = i >= 2;
+    SCOPED_TRACE(urls[i]);
+    EXPECT_EQ(r->lastError(), Retra::errNone) << r->lastErrorMessage();
+    EXPECT_EQ(r->statusCode(), 200);
+    EXPECT_EQ(r->body(), NginxServer::smallText());
+    EXPECT_EQ(r->effectiveUrl(), urls[i]);
+    EXPECT_EQ(r->contentType(), "text/plain");
+    EXPECT_EQ(r->contentLengthDownload(), 1024);
+    EXPECT_EQ(r->scheme(), tls ? Retra::https : Retra::http);
+    EXPECT_EQ(r->port(), tls ? nginx_.tlsPort() : nginx_.port());
+    EXPECT_EQ(r->sslVerifyPeer(), !tls);
+    EXPECT_TRUE(r->resolved());
+    EXPECT_EQ(r->numRequest(), 1u);
+    EXPECT_EQ(r->requestState(), Retra::stateFinished);
     // Header values lose the one blank after the colon and keep every later colon.
-    EXPECT_EQ(response->header("Content-Type"), "text/plain");
-    EXPECT_EQ(response->header("Content-Length"), "1024");
-    EXPECT_TRUE(std::regex_search(response->header("Date").str(),
+    EXPECT_EQ(r->header("Content-Length"), "1024");
+    EXPECT_TRUE(std::regex_search(r->header("Date").str(),
                                   std::regex("^[A-Z][a-z]{2}, .* [0-9]{2}:[0-9]{2}:[0-9]{2} GMT$")))
-        << response->header("Date");
+        << r->header("Date");
 
-    Orb::Ptr<Retra::RequestCounter> counter = response->counter();
-    ASSERT_TRUE(counter);
+    const Orb::Ptr<Retra::RequestCounter> counter = r->counter();
     EXPECT_EQ(counter->bytesDownload(), 1024u);
     EXPECT_EQ(counter->bytesUpload(), 0u);
     EXPECT_EQ(counter->numConnect(), 1u);
     EXPECT_EQ(counter->numRedirect(), 0u);
-    EXPECT_GE(counter->numFinish(), 1u);
+    EXPECT_EQ(counter->numFinish(), 2u);  // transfer completed, then its machine dropped
     EXPECT_GT(counter->bytesHeaderDownload(), 0u);
     EXPECT_GT(counter->bytesRequestUpload(), 0u);
     EXPECT_GT(counter->speedDownload(), 0.0);
 
-    Orb::Ptr<Retra::RequestTimer> timer = response->timer();
-    ASSERT_TRUE(timer);
-    EXPECT_GT(timer->total(), 0.0);
+    const Orb::Ptr<Retra::RequestTimer> timer = r->timer();
     EXPECT_GT(timer->connect(), 0.0);
     EXPECT_GE(timer->request(), timer->connect());
     EXPECT_GE(timer->total(), timer->request());
-    if (tls) {
-      EXPECT_GT(timer->sslHandshake(), 0.0);
-    } else {
-      EXPECT_EQ(timer->sslHandshake(), 0.0);
-    }
+    EXPECT_EQ(timer->sslHandshake() > 0.0, tls);
     // Names are resolved before libcurl runs, so libcurl's lookup time is never recorded.
     EXPECT_EQ(timer->hostLookup(), 0.0);
 
-    EXPECT_GE(response->lastUpdateTime(), before);
-    EXPECT_LE(response->lastUpdateTime(), now());
-    // A first fetch always counts as a change.
-    EXPECT_EQ(response->lastChangeTime(), response->lastUpdateTime());
+    EXPECT_GE(r->lastUpdateTime(), before);
+    EXPECT_LE(r->lastUpdateTime(), now());
+    EXPECT_EQ(r->lastChangeTime(), r->lastUpdateTime());  // a first fetch is a change
   }
-};
-
-std::string fileContents(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-TEST_F(NginxFetchTest, SmallFileOverHttpOnBothLoopbackAddresses) {
-  NginxServer nginx;
-  const std::string v4 = nginx.httpUrl("/small.txt");
-  const std::string v6 = nginx.httpUrl6("/small.txt");
-  const Orb::Seconds before = now();
+// Verification is on by default and refuses the self-signed certificate; switched off, it
+// also skips the name check. A pinned key must match the server's whatever verification says.
+TEST_F(NginxFetchTest, TlsVerificationAndPinnedKeysDecideTheHandshake) {
+  const std::string url = nginx_.httpsUrl("/small.txt");
 
-  auto responses = fetchAll({request(v4), request(v6)});
+  auto responses =
+      fetchAll({request(url), unverified(request(nginx_.httpsWrongNameUrl("/small.txt"))),
+                unverified(request(url + "?pin"), nginx_.serverPin()),
+                unverified(request(url + "?other"), nginx_.otherPin())});
 
-  expectSmallFile(responses[0], v4, false, before);
-  expectSmallFile(responses[1], v6, false, before);
-  EXPECT_EQ(responses[0]->port(), nginx.port());
-  EXPECT_EQ(responses[1]->port(), nginx.port());
+  expectTlsFailure(responses[0], CURLE_PEER_FAILED_VERIFICATION);
+  EXPECT_EQ(responses[1]->statusCode(), 200) << responses[1]->lastErrorMessage();
+  EXPECT_EQ(responses[2]->statusCode(), 200) << responses[2]->lastErrorMessage();
+  EXPECT_EQ(responses[2]->pinnedPublicKey(), nginx_.serverPin());
+  expectTlsFailure(responses[3], CURLE_SSL_PINNEDPUBKEYNOTMATCH);
 }
 
-TEST_F(NginxFetchTest, SmallFileOverVerifiedHttpsOnBothLoopbackAddresses) {
-  NginxServer nginx;
-  E2eTest::TrustedCa trust(nginx.certificates().caCert());
-  if (!trust.active()) GTEST_SKIP() << trust.reason();
-  const std::string v4 = nginx.httpsUrl("/small.txt");
-  const std::string v6 = "https://[::1]:" + std::to_string(nginx.tlsPort()) + "/small.txt";
-  const Orb::Seconds before = now();
+TEST_F(NginxFetchTest, StatusesAuthenticationAndFilesFollowTheRequest) {
+  RetraTest::TempDir out("retra-e2e-out");
+  auto basic = [&](const std::string& query, Retra::HttpAuthenticationType type,
+                   const std::string& password) {
+    Retra::Request r = request(nginx_.httpUrl("/basic/secret.txt?" + query));
+    r.authTypeIs(type);
+    r.usernameIs(NginxServer::kUser);
+    r.passwordIs(password);
+    return r;
+  };
+  auto toFile = [&](const std::string& path, const std::string& file) {
+    Retra::Request r = request(nginx_.httpUrl(path));
+    r.outputPathIs(out.path(file));
+    return r;
+  };
+  out.write("small.txt", std::string(5000, 'o'));  // an older, longer file is replaced
 
-  // sslVerifyPeer is on by default: these succeed only because the certificate verifies.
-  auto responses = fetchAll({request(v4), request(v6)});
-
-  expectSmallFile(responses[0], v4, true, before);
-  expectSmallFile(responses[1], v6, true, before);
-  EXPECT_TRUE(responses[0]->sslVerifyPeer());
-  EXPECT_EQ(responses[0]->port(), nginx.tlsPort());
-}
-
-TEST_F(NginxFetchTest, BasicAuthenticationSendsCredentialsOnlyWhenAsked) {
-  NginxServer nginx;
-  Retra::Request right = request(nginx.httpUrl("/basic/secret.txt?right"));
-  right.authTypeIs(Retra::authBasic);
-  right.usernameIs(NginxServer::kUser);
-  right.passwordIs(NginxServer::kPassword);
-  Retra::Request wrong = request(nginx.httpUrl("/basic/secret.txt?wrong"));
-  wrong.authTypeIs(Retra::authBasic);
-  wrong.usernameIs(NginxServer::kUser);
-  wrong.passwordIs("not the password");
-  Retra::Request none = request(nginx.httpUrl("/basic/secret.txt?none"));
-  none.usernameIs(NginxServer::kUser);  // ignored: authType stays authNone
-  none.passwordIs(NginxServer::kPassword);
-
-  auto responses = fetchAll({right, wrong, none});
+  auto responses = fetchAll({basic("right", Retra::authBasic, NginxServer::kPassword),
+                             basic("wrong", Retra::authBasic, "not the password"),
+                             basic("none", Retra::authNone, NginxServer::kPassword),
+                             request(nginx_.httpUrl("/status/404")),
+                             toFile("/large.bin", "large.bin"), toFile("/small.txt", "small.txt"),
+                             toFile("/small.txt?missing", "missing/small.txt")});
 
   EXPECT_EQ(responses[0]->statusCode(), 200);
   EXPECT_EQ(responses[0]->lastError(), Retra::errNone);
   EXPECT_EQ(responses[0]->body(), "secret\n");
-  for (const auto& refused : {responses[1], responses[2]}) {
-    SCOPED_TRACE(refused->uri());
-    EXPECT_EQ(refused->statusCode(), 401);
-    EXPECT_EQ(refused->lastError(), Retra::errHttpStatusCode);
-    EXPECT_EQ(refused->body(), "");
+  const int failedStatus[] = {401, 401, 404};
+  for (size_t i = 1; i <= 3; ++i) {
+    SCOPED_TRACE(responses[i]->uri());
+    EXPECT_EQ(responses[i]->statusCode(), failedStatus[i - 1]);
+    EXPECT_EQ(responses[i]->lastError(), Retra::errHttpStatusCode);
+    EXPECT_EQ(responses[i]->lastErrorMessage(), "");
+    EXPECT_EQ(responses[i]->body(), "");  // the transfer ends before the error page
   }
-}
 
-TEST_F(NginxFetchTest, RedirectsAreFollowedToTheEndOrTheLimit) {
-  NginxServer nginx;
-  auto responses =
-      fetchAll({request(nginx.httpUrl("/redirect/3")), request(nginx.httpUrl("/loop"))});
+  const Orb::Ptr<Response>& large = responses[4];
+  EXPECT_EQ(large->lastError(), Retra::errNone) << large->lastErrorMessage();
+  EXPECT_EQ(large->body(), "");
+  EXPECT_EQ(large->contentType(), "application/octet-stream");
+  EXPECT_EQ(large->counter()->bytesDownload(), nginx_.largeSize());
+  EXPECT_EQ(out.read("large.bin"), std::string(nginx_.largeSize(), '\0'));
+  EXPECT_EQ(out.read("small.txt"), NginxServer::smallText());
 
-  const Orb::Ptr<Response>& chain = responses[0];
-  EXPECT_EQ(chain->statusCode(), 200);
-  EXPECT_EQ(chain->lastError(), Retra::errNone);
-  EXPECT_EQ(chain->counter()->numRedirect(), 3u);
-  EXPECT_EQ(chain->effectiveUrl(), nginx.httpUrl("/small.txt"));
-  EXPECT_EQ(chain->body(), NginxServer::smallText());
-  // The headers of every answer of the chain land in one map: the last Location stays.
-  EXPECT_EQ(chain->header("Location"), "/small.txt");
-
-  // libcurl gives up after 64 redirects. The last answer was a 302, and an HTTP status below
-  // 400 is not an error whatever libcurl's own result.
-  const Orb::Ptr<Response>& loop = responses[1];
-  EXPECT_EQ(loop->statusCode(), 302);
-  EXPECT_EQ(loop->lastError(), Retra::errNone);
-  EXPECT_EQ(loop->counter()->numRedirect(), 64u);
-  EXPECT_EQ(loop->effectiveUrl(), nginx.httpUrl("/loop"));
-}
-
-TEST_F(NginxFetchTest, ErrorStatusesKeepTheirCode) {
-  NginxServer nginx;
-  auto responses =
-      fetchAll({request(nginx.httpUrl("/status/404")), request(nginx.httpUrl("/status/500"))});
-
-  EXPECT_EQ(responses[0]->statusCode(), 404);
-  EXPECT_EQ(responses[1]->statusCode(), 500);
-  for (const auto& failed : responses) {
-    SCOPED_TRACE(failed->uri());
-    EXPECT_EQ(failed->lastError(), Retra::errHttpStatusCode);
-    EXPECT_EQ(failed->lastErrorMessage(), "");
-    EXPECT_EQ(failed->body(), "");  // the transfer ends before the error page
-  }
-}
-
-TEST_F(NginxFetchTest, OutputPathReceivesTheBodyOrReportsTheFileError) {
-  NginxServer nginx(4 << 20);
-  RetraTest::TempDir out("retra-e2e-out");
-  Retra::Request toFile = request(nginx.httpUrl("/large.bin"));
-  toFile.outputPathIs(out.path("large.bin"));
-  Retra::Request toMissingDir = request(nginx.httpUrl("/small.txt"));
-  toMissingDir.outputPathIs(out.path("missing/small.txt"));
-
-  auto responses = fetchAll({toFile, toMissingDir});
-
-  const Orb::Ptr<Response>& written = responses[0];
-  EXPECT_EQ(written->statusCode(), 200);
-  EXPECT_EQ(written->lastError(), Retra::errNone) << written->lastErrorMessage();
-  EXPECT_EQ(written->body(), "");
-  EXPECT_EQ(written->contentType(), "application/octet-stream");
-  EXPECT_EQ(written->contentLengthDownload(), static_cast<long long>(nginx.largeSize()));
-  EXPECT_EQ(written->counter()->bytesDownload(), nginx.largeSize());
-  const std::string contents = fileContents(out.path("large.bin"));
-  EXPECT_EQ(contents.size(), nginx.largeSize());
-  EXPECT_TRUE(std::all_of(contents.begin(), contents.end(), [](char c) { return c == '\0'; }));
-
-  const Orb::Ptr<Response>& failed = responses[1];
+  const Orb::Ptr<Response>& failed = responses[6];
   EXPECT_EQ(failed->lastError(), Retra::errFile);
   EXPECT_EQ(failed->lastErrorMessage(), std::strerror(ENOENT));
   EXPECT_EQ(failed->statusCode(), 200);  // the headers had arrived when writing failed
-  EXPECT_EQ(failed->body(), "");
   struct stat info {};
   EXPECT_NE(::stat(out.path("missing").c_str(), &info), 0);
+}
+
+// libcurl connects to exactly the addresses the resolver found, asking a dnsmasq of the test's
+// own: nginx listens on 127.0.0.1 and ::1 only.
+class ResolverFetchTest : public NginxFetchTest {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(dns_.isRunning()) << dns_.log();
+    rootIs(dns_.server());
+  }
+  [[nodiscard]] std::string urlOn(const std::string& host) const {
+    return "http://" + host + ":" + std::to_string(nginx_.port()) + "/small.txt";
+  }
+
+  DnsrTest::Dnsmasq dns_{"127.0.0.1 web.test\n::1 web6.test\n127.0.0.2 elsewhere.test\n"};
+};
+
+TEST_F(ResolverFetchTest, NamesReachTheAddressesTheResolverFound) {
+  auto responses = fetchAll({request(urlOn("web.test")), request(urlOn("web6.test")),
+                             request(urlOn("elsewhere.test")), request(urlOn("missing.test"))});
+
+  const Orb::Ptr<Response>& v4 = responses[0];
+  EXPECT_EQ(v4->statusCode(), 200) << v4->lastErrorMessage();
+  EXPECT_EQ(v4->body(), NginxServer::smallText());
+  EXPECT_EQ(v4->host(), "web.test");
+  EXPECT_EQ(v4->ipAddress().size(), 1u);
+  EXPECT_TRUE(v4->ipAddress(Ipkit::IpAddr("127.0.0.1")));
+  EXPECT_TRUE(v4->ip6Address().empty());
+  EXPECT_EQ(v4->effectiveUrl(), urlOn("web.test"));
+
+  const Orb::Ptr<Response>& v6 = responses[1];
+  EXPECT_EQ(v6->statusCode(), 200) << v6->lastErrorMessage();
+  EXPECT_TRUE(v6->ipAddress().empty());
+  EXPECT_TRUE(v6->ip6Address(Ipkit::Ip6Addr("::1")));
+
+  const Orb::Ptr<Response>& elsewhere = responses[2];
+  EXPECT_TRUE(elsewhere->ipAddress(Ipkit::IpAddr("127.0.0.2")));
+  EXPECT_EQ(elsewhere->lastError(), Retra::errConnRefused) << describe(elsewhere->requestKey());
+
+  const Orb::Ptr<Response>& missing = responses[3];
+  EXPECT_EQ(missing->lastError(), Retra::errDnsLookup);
+  EXPECT_EQ(missing->statusCode(), 0);
+  EXPECT_TRUE(missing->ipAddress().empty() && missing->ip6Address().empty());
+  EXPECT_EQ(missing->counter()->numConnect(), 0u);  // nothing was handed to libcurl
 }
 
 }  // namespace

@@ -28,24 +28,20 @@ class ChildProcess {
   ChildProcess& operator=(const ChildProcess&) = delete;
 
   [[nodiscard]] pid_t pid() const { return pid_; }
-  // False once the process has exited (it is reaped then; exitStatus() tells how it ended).
+  // False once the process has exited (it is reaped then).
   [[nodiscard]] bool isRunning();
-  // The wait status of an exited process (see WIFEXITED and friends); -1 while it runs.
-  [[nodiscard]] int exitStatus() const { return status_; }
 
   // Sends `signal`, waits up to `grace` for the process to end, then kills it (SIGKILL) and
   // reaps it. Does nothing when it has already ended.
   void stop(int signal = SIGTERM,
             std::chrono::milliseconds grace = std::chrono::milliseconds(5000));
 
-  // Runs a program to completion and returns what it wrote (standard output and error
-  // together). Throws std::runtime_error with the command and its output when it does not exit
-  // with status 0.
-  static std::string run(const std::vector<std::string>& argv, const std::string& workDir = "");
+  // Runs a shell command to completion and returns what it wrote (standard output and error
+  // together). Throws std::runtime_error with the command and its output when it fails.
+  static std::string run(const std::string& command);
 
  private:
   pid_t pid_ = -1;
-  int status_ = -1;
 };
 
 }  // namespace RetraTest

@@ -16,7 +16,7 @@ class ChildProcess;
 // /redirect/N /basic-auth/U/P /digest-auth/auth/U/P /bytes/N /stream/N /gzip; each echoes the
 // request back as JSON where it makes sense.
 //
-// The constructor returns once httpbin answers a request; it throws std::runtime_error with
+// The constructor returns once httpbin listens; it throws std::runtime_error with
 // httpbin's log when it does not start. The destructor stops it (SIGTERM) and reaps it. Start
 // it from the test's own thread (see ChildProcess).
 //
@@ -36,8 +36,6 @@ class HttpbinServer {
   [[nodiscard]] std::string log() const;
 
  private:
-  [[nodiscard]] bool answers() const;
-
   TempDir dir_{"retra-httpbin"};
   uint16_t port_ = 0;
   std::unique_ptr<ChildProcess> python_;

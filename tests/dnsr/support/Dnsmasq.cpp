@@ -40,14 +40,6 @@ uint16_t portOf(int s) {
   return ntohs(address.sin_port);
 }
 
-// A DNS query for "probe.test", type A.
-std::string probeQuery() {
-  std::string q("\x12\x34\x01\x00\x00\x01\x00\x00\x00\x00\x00\x00", 12);
-  q += std::string("\x05probe\x04test\x00", 12);
-  q += std::string("\x00\x01\x00\x01", 4);
-  return q;
-}
-
 size_t occurrences(const std::string& text, const std::string& what) {
   size_t count = 0;
   for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
@@ -106,36 +98,24 @@ bool Dnsmasq::started(uint16_t port) {
     ADD_FAILURE() << e.what();
     return false;
   }
+  // It reads the hosts file once its port is bound, and exits if the port is taken.
   const auto deadline = Clock::now() + std::chrono::seconds(10);
-  while (Clock::now() < deadline && process_->isRunning()) {  // it exits if the port is taken
-    if (answers()) return true;
+  while (Clock::now() < deadline && process_->isRunning()) {
+    if (occurrences(log(), "read " + dir_.path("hosts")) > 0) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   stop();
   return false;
 }
 
-bool Dnsmasq::answers() const {
-  int s = loopbackSocket(0);
-  if (s < 0) return false;
-  // Connected, so that a port nobody listens on yet reports at once (ECONNREFUSED).
-  timeval wait{0, 200000};
-  ::setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-  sockaddr_in to{};
-  to.sin_family = AF_INET;
-  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  to.sin_port = htons(port_);
-  const std::string query = probeQuery();
-  char reply[512];
-  const bool answered = ::connect(s, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0 &&
-                        ::send(s, query.data(), query.size(), 0) > 0 &&
-                        ::recv(s, reply, sizeof reply, 0) > 0;
-  ::close(s);
-  if (!answered) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  return answered;
-}
-
 std::string Dnsmasq::server() const {
   return "127.0.0.1:" + std::to_string(port_);
+}
+
+std::string Dnsmasq::namesOn(const std::string& address, int count) {
+  std::string line = address;
+  for (int i = 0; i < count; ++i) line += " h" + std::to_string(i) + ".test";
+  return line + "\n";
 }
 
 void Dnsmasq::hostsIs(const std::string& hosts) {

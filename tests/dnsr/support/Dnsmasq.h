@@ -30,6 +30,8 @@ class Dnsmasq {
   [[nodiscard]] uint16_t port() const noexcept { return port_; }
   // "127.0.0.1:port", the form of DNSR_SERVERS.
   [[nodiscard]] std::string server() const;
+  // A hosts-file line giving `address` the names h0.test ... h<count-1>.test.
+  [[nodiscard]] static std::string namesOn(const std::string& address, int count);
 
   // Replaces the hosts file and signals dnsmasq to read it again (SIGHUP), then waits until its
   // log says it has.
@@ -41,7 +43,6 @@ class Dnsmasq {
 
  private:
   bool started(uint16_t port);
-  bool answers() const;
 
   RetraTest::TempDir dir_{"dnsr"};
   unsigned ttl_;
