@@ -7,10 +7,12 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "Orb/ActivityManager.h"
+#include "Retra/engine/ParkedResponseRecovery.h"
 #include "dnsr/support/Dnsmasq.h"
 #include "engine/support/EngineFixture.h"
 #include "support/LoopbackHttpServer.h"
@@ -122,9 +124,9 @@ TEST_F(LifeCycleTest, ShutdownWithAThousandTransfersUnderWayLeavesNothingBehind)
 // requests of that host, and the resolver then forgets the host's record. The next request for
 // the host looks it up again, and the new record moves every response of that host to
 // stateDispatchReady, whatever its state: a finished response (its state machine gone) stays
-// there and is not fetched again, and a running transfer is dispatched a second time, which
-// libcurl refuses, so it ends with errCurlAddHandle and a partial body. This is how the engine
-// is meant to behave; hosts withdraw requests of a shared host name knowing it.
+// there until a host's ParkedResponseRecovery resets it, and a running transfer is dispatched a
+// second time, which libcurl refuses, so it ends with errCurlAddHandle and a partial body. This
+// is how the engine is meant to behave; hosts withdraw requests of a shared host name knowing it.
 TEST_F(LifeCycleTest, WithdrawingARequestReDispatchesEveryResponseOfItsHostOnTheNextLookUp) {
   const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 20\r\nConnection: close\r\n\r\n";
   server_.routeIs("/quick", LoopbackHttpServer::answer(200, "quick"));
@@ -151,20 +153,70 @@ TEST_F(LifeCycleTest, WithdrawingARequestReDispatchesEveryResponseOfItsHostOnThe
   ASSERT_TRUE(await([&] { return response(slow)->finished(); }, "the slow answer"));
   EXPECT_EQ(response(slow)->lastError(), Retra::errCurlAddHandle) << describe(slow);
   EXPECT_LT(response(slow)->body().size(), 20u);
+
+  // A host that keeps a recovery gets the parked response fetched again.
+  EXPECT_FALSE(engine_->requestSm(first->requestKey()));
+  auto recovery = Retra::ParkedResponseRecovery::ParkedResponseRecoveryIs(engine_, 0.05);
+  EXPECT_TRUE(awaitUpdate(first->requestKey(), first->lastUpdateTime()));
+  EXPECT_EQ(first->numRequest(), 2u);
+  EXPECT_EQ(first->lastError(), Retra::errNone);
+  EXPECT_EQ(recovery->resets(), 1u);
 }
 
-// A request whose transfer is under way, withdrawn or changed.
+// A request whose transfer is under way, withdrawn or changed, from outside or by a client's
+// reactor inside the transfer's own callbacks (body, header and state notifications), where
+// libcurl must not see its objects released under it (the sanitizer build checks).
 class RunningTransferTest : public EngineTest::RootFixture {
  protected:
-  void SetUp() override { rootIs(""); }
+  void SetUp() override {
+    // The body arrives in several chunks, so that libcurl goes on after the first.
+    server_.routeIs("/slow", server_.drip("HTTP/1.1 200 OK\r\nContent-Length: 8\r\n"
+                                          "X-One: 1\r\nX-Two: 2\r\n\r\n12",
+                                          "345678", std::chrono::milliseconds(5)));
+    server_.routeIs("/quick", LoopbackHttpServer::answer(200, "quick"));
+    rootIs("");
+  }
+
+  // Runs `act` once, on the first notification of the kind it was made for.
+  class Reaction : public Response::NotifieeConst {
+   public:
+    enum class On { body, header, recvHeaderState };
+    Reaction(On on, std::function<void()> act) : on_(on), act_(std::move(act)) {}
+    void onBody() override { fire(On::body); }
+    void onHeader(const Orb::String&) override { fire(On::header); }
+    void onRequestState() override {
+      if (notifier()->requestState() == Retra::stateRecvHeader) fire(On::recvHeaderState);
+    }
+    bool fired = false;
+
+   private:
+    void fire(On on) {
+      if (on != on_ || fired) return;
+      fired = true;
+      act_();
+    }
+    On on_;
+    std::function<void()> act_;
+  };
+
+  // Fetches /slow with a reaction on its response, until the reaction has run and `done` holds.
+  void fetchReacting(Reaction::On on, const std::function<void()>& act,
+                     const std::function<bool()>& done) {
+    key_ = requestIs(server_.url("/slow"));
+    auto reaction = Orb::allocate<Reaction>(on, act);
+    reaction->notifierIs(response(key_));
+    ASSERT_TRUE(await([&] { return reaction->fired && done(); }, "the reaction and its outcome"));
+  }
+
+  LoopbackHttpServer server_;
+  Retra::RequestKey key_;
 };
 
 TEST_F(RunningTransferTest, WithdrawnWhileItsTransferRunsLeavesNothingBehind) {
-  LoopbackHttpServer server;
+  LoopbackHttpServer& server = server_;
   // A 200 whose body trickles in, a byte every 20 ms, until the client goes away.
   server.routeIs("/trickle", server.drip("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n",
                                          std::string(100000, 'x'), std::chrono::milliseconds(20)));
-  server.routeIs("/quick", LoopbackHttpServer::answer(200, "quick"));
   const Retra::RequestKey key = requestIs(server.url("/trickle"));
   ASSERT_TRUE(await(
       [&] {
@@ -190,7 +242,7 @@ TEST_F(RunningTransferTest, WithdrawnWhileItsTransferRunsLeavesNothingBehind) {
 }
 
 TEST_F(RunningTransferTest, RequestChangedWhileItsTransferRunsEndsWithTheNewSettings) {
-  LoopbackHttpServer server;
+  LoopbackHttpServer& server = server_;
   // The first version gets its headers and a piece of the body, then the server holds on; any
   // other version gets its whole answer at once.
   server.routeIs("/versioned", [&server](int socket, const std::string& head) {
@@ -229,6 +281,44 @@ TEST_F(RunningTransferTest, RequestChangedWhileItsTransferRunsEndsWithTheNewSett
   ASSERT_EQ(received.size(), 2u);
   EXPECT_NE(received[0].find("X-Version: 1"), std::string::npos);
   EXPECT_NE(received[1].find("X-Version: 2"), std::string::npos);
+}
+
+TEST_F(RunningTransferTest, WithdrawnFromItsBodyNotificationEndsAndOthersGoOn) {
+  fetchReacting(
+      Reaction::On::body, [&] { requestDel(key_); },
+      [&] { return !response(key_) && !engine_->requestSm(key_); });
+  EXPECT_EQ(fetch(request(server_.url("/quick")))->body(), "quick");
+}
+
+TEST_F(RunningTransferTest, ChangedFromAHeaderNotificationIsFetchedAgain) {
+  Retra::Request changed = request(server_.url("/slow"));
+  changed.headerIs("X-Changed", "yes");
+  fetchReacting(
+      Reaction::On::header, [&] { requestIs(changed); },
+      [&] { return response(key_) && response(key_)->finished(); });
+  EXPECT_EQ(response(key_)->lastError(), Retra::errNone) << describe(key_);
+  EXPECT_EQ(response(key_)->body(), "12345678");
+  EXPECT_EQ(response(key_)->requestheader("X-Changed"), "yes");
+  EXPECT_EQ(server_.requests().size(), 2u);
+}
+
+TEST_F(RunningTransferTest, ShutdownFromTheBodyOrTheRootDroppedFromAStateLeavesNothing) {
+  fetchReacting(
+      Reaction::On::body, [&] { engine_->shutdown(); },
+      [&] { return !engine_->initialized() && !response(key_); });
+  EXPECT_FALSE(engine_->curlMultiHandle());
+  TearDown();
+
+  rootIs("");
+  fetchReacting(
+      Reaction::On::recvHeaderState,
+      [&] {
+        engine_->shutdown();
+        EngineTest::retain(engine_);
+        root_ = nullptr;
+        engine_ = nullptr;
+      },
+      [&] { return !root_; });
 }
 
 }  // namespace
