@@ -11,7 +11,7 @@
 # (20 unless set). valgrind's logs end up in <build>/Testing/Temporary/MemoryChecker.*.log (a
 # traced retra-fetch writes into the log of the test that ran it).
 #
-# The load test is left out (MEMCHECK_EXCLUDE, a ctest -E pattern): tens of thousands of
+# The load and soak tests are left out (MEMCHECK_EXCLUDE, a ctest -E pattern): tens of thousands of
 # transfers would take hours under valgrind, and its heap measurement reads the C library's
 # allocator, which valgrind replaces.
 #
@@ -55,7 +55,7 @@ memcheck_suite() {
     --overwrite "MemoryCheckCommandOptions=${options[*]}" \
     --overwrite "MemoryCheckSuppressionFile=$suppressions" \
     --output-on-failure -j "${MEMCHECK_JOBS:-2}" --timeout "${MEMCHECK_TIMEOUT:-1500}" \
-    -E "${MEMCHECK_EXCLUDE:-^LoadTest\\.}" "${@:2}" || status=$?
+    -E "${MEMCHECK_EXCLUDE:-^(LoadTest|SoakTest)\\.}" "${@:2}" || status=$?
   # valgrind writes to its own logs: show those that hold a finding.
   local log
   for log in "$build"/Testing/Temporary/MemoryChecker.*.log; do
