@@ -157,9 +157,9 @@ void RequestSm::doCurlDispatchRequest() {
   if (retraSm_ && retraSm_->isInsideCurl()) {
     // A client's reactor changed the request from inside a transfer callback, and libcurl takes
     // no handle then: it goes in once libcurl has returned, if this fetch is still the key's.
-    retraSm_->whenOutOfCurl([engine = retraSm_, key = response->requestKey(), cd, easy] {
+    retraSm_->whenOutOfCurl([engine = retraSm_, key = response->requestKey(), record = cd, easy] {
       const Orb::Ptr<RequestSm> sm = engine->requestSm(key);
-      if (sm && sm->curlData() == cd && cd->curlHandle == easy) sm->curlHandleAdded();
+      if (sm && sm->curlData() == record && record->curlHandle == easy) sm->curlHandleAdded();
     });
     return;
   }

@@ -92,6 +92,8 @@ bool Dnsmasq::started(uint16_t port) {
   // As root it would switch to "nobody", who cannot read the test's private directory.
   if (::geteuid() == 0) args.push_back("--user=root");
   port_ = port;
+  const std::string readLine = "read " + dir_.path("hosts");
+  const size_t reads = occurrences(log(), readLine);
   try {
     process_ = std::make_unique<RetraTest::ChildProcess>(args, dir_.path("log"));
   } catch (const std::runtime_error& e) {
@@ -101,7 +103,7 @@ bool Dnsmasq::started(uint16_t port) {
   // It reads the hosts file once its port is bound, and exits if the port is taken.
   const auto deadline = Clock::now() + std::chrono::seconds(10);
   while (Clock::now() < deadline && process_->isRunning()) {
-    if (occurrences(log(), "read " + dir_.path("hosts")) > 0) return true;
+    if (occurrences(log(), readLine) > reads) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   stop();
@@ -129,6 +131,12 @@ void Dnsmasq::hostsIs(const std::string& hosts) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   EXPECT_GT(occurrences(log(), readLine), reads) << "dnsmasq did not reread its hosts file";
+}
+
+bool Dnsmasq::restarted() {
+  const bool up = started(port_);
+  EXPECT_TRUE(up) << "dnsmasq did not start again; its log:\n" << log();
+  return up;
 }
 
 void Dnsmasq::stop() {

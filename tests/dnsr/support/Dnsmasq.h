@@ -38,6 +38,8 @@ class Dnsmasq {
   void hostsIs(const std::string& hosts);
   // Stops dnsmasq (SIGTERM) and waits for it.
   void stop();
+  // Starts a stopped dnsmasq again on its port; false (and a test failure) when it fails to.
+  bool restarted();
   // What dnsmasq has written so far (for failure messages).
   [[nodiscard]] std::string log() const;
 
