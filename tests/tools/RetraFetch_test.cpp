@@ -32,12 +32,6 @@ bool contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
 
-std::vector<Json> jsonLines(const FetchRun& run) {
-  std::vector<Json> objects;
-  for (const std::string& line : linesOf(run.out)) objects.push_back(Json::parse(line));
-  return objects;
-}
-
 TEST(RetraFetchTest, OutputFollowsTheOptions) {
   NginxServer nginx(3 << 20);
   RetraTest::TempDir dir("retra-fetch-files");
@@ -120,7 +114,8 @@ TEST(RetraFetchTest, WatchWithCountReportsEveryFetchUntilTheCount) {
   const FetchRun plain = runFetch({"--watch", "--refresh", "0", "--count", "2", "-m", kLimit, url});
 
   ASSERT_EQ(json.exitCode, 0) << json.err;
-  const std::vector<Json> fetches = jsonLines(json);
+  std::vector<Json> fetches;
+  for (const std::string& line : linesOf(json.out)) fetches.push_back(Json::parse(line));
   ASSERT_EQ(fetches.size(), 3u) << json.out;
   for (size_t i = 0; i < fetches.size(); ++i) {
     EXPECT_EQ(fetches[i]["body"], "tick");                           // each fetch starts afresh
