@@ -66,7 +66,9 @@ TEST(RetraFetchTest, OutputFollowsTheOptions) {
   EXPECT_EQ(r["body"], NginxServer::smallText());
 
   ASSERT_EQ(include.exitCode, 0) << include.err;
-  EXPECT_TRUE(include.out.starts_with("HTTP 200\n")) << include.out;
+  EXPECT_TRUE(include.out.starts_with("HTTP 200\n") &&
+              contains(include.out, "\nContent-Length: 1024\n"))
+      << include.out;
   EXPECT_TRUE(include.out.ends_with("\n\n" + NginxServer::smallText()));
   std::istringstream bytesRow(include.err.substr(include.err.find("  bytesDownload ")));
   std::string name, fetch, all;
