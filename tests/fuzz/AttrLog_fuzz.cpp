@@ -19,30 +19,23 @@ using Kind = Orb::AttrKind;
 uint64_t copyValue(Orb::AttrLogIn& in, Orb::AttrLogOut& out) {
   switch (in.nextKind()) {
     case Kind::unsignedInt:
-      out.writeU64(in.readU64());
-      break;
+      return out.writeU64(in.readU64()), 0;
     case Kind::signedInt:
-      out.writeI64(in.readI64());
-      break;
+      return out.writeI64(in.readI64()), 0;
     case Kind::real:
-      out.writeDouble(in.readDouble());
-      break;
+      return out.writeDouble(in.readDouble()), 0;
     case Kind::boolean:
-      out.writeBool(in.readBool());
-      break;
+      return out.writeBool(in.readBool()), 0;
     case Kind::string:
-      out.writeString(in.readString());
-      break;
+      return out.writeString(in.readString()), 0;
     case Kind::enumeration:
-      out.writeEnum(in.readEnum());
+      return out.writeEnum(in.readEnum()), 0;
+    case Kind::compound:
       break;
-    case Kind::compound: {
-      const uint32_t count = in.beginCompound();
-      out.beginCompound(count);
-      return count;
-    }
   }
-  return 0;
+  const uint32_t count = in.beginCompound();
+  out.beginCompound(count);
+  return count;
 }
 
 }  // namespace

@@ -20,7 +20,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <map>
-#include <new>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -76,12 +75,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view input(reinterpret_cast<const char*>(data), size);
   const Orb::Ptr<Retra::Response> response =
       Orb::allocate<Retra::Response>(Retra::RequestKey(Retra::GET, "http://127.0.0.1/"));
-  // The engine's record: zero-filled system memory, then constructed in place.
-  auto* record =
-      static_cast<Retra::CurlCallbackData*>(std::calloc(1, sizeof(Retra::CurlCallbackData)));
-  FUZZ_CHECK(record != nullptr);
-  new (record) Retra::CurlCallbackData();
-  record->response = response.ptr();
+  Retra::CurlCallbackData record;
+  record.response = response.ptr();
 
   // One call per line, each line with its line feed, as libcurl splits a header block.
   Headers expected;
@@ -91,7 +86,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const size_t feed = input.find('\n', at);
     const size_t end = feed == std::string_view::npos ? input.size() : feed + 1;
     const std::string_view line = input.substr(at, end - at);
-    FUZZ_CHECK(deliver(line, asItems, record) == line.size());
+    FUZZ_CHECK(deliver(line, asItems, &record) == line.size());
     FUZZ_CHECK(response->requestState() == Retra::stateRecvHeader);
     modelLine(line, expected);
     checkHeaders(*response, expected);
@@ -100,11 +95,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
 
   response->requestStateIs(Retra::stateFinished);
-  if (!input.empty()) FUZZ_CHECK(deliver(input, true, record) == 0);
+  if (!input.empty()) FUZZ_CHECK(deliver(input, true, &record) == 0);
   FUZZ_CHECK(response->requestState() == Retra::stateFinished);
   checkHeaders(*response, expected);
-
-  record->~CurlCallbackData();
-  std::free(record);
   return 0;
 }

@@ -110,10 +110,11 @@ TEST(EntityTest, ParentAndChildLinksNeverDangle) {
   EXPECT_TRUE(root->entities().empty());
 }
 
-TEST(ExceptionTest, ExpectedKindsPassQuietlyAndOthersAreTracedAsFaults) {
-  std::ostringstream out;  // the "Orb" facility's level 1 reports unexpected exceptions
-  Orb::TraceHandle::outputIs(&out);
-  Orb::TraceHandle::configurationIs("Orb/1");
+using ExceptionTest = OrbTest::LoopTest;
+using TraceTest = OrbTest::LoopTest;
+
+TEST_F(ExceptionTest, ExpectedKindsPassQuietlyAndOthersAreTracedAsFaults) {
+  traceFaults();
   {
     Orb::Expect outer;
     outer.add(Orb::ExceptionId::internal);
@@ -122,14 +123,12 @@ TEST(ExceptionTest, ExpectedKindsPassQuietlyAndOthersAreTracedAsFaults) {
     EXPECT_THROW(Orb::throwRangeException("null ValidPtr"), Orb::RangeException);
     EXPECT_THROW(Orb::throwInternalException("broken"), Orb::InternalException);
   }
-  EXPECT_EQ(out.str(), "");
+  EXPECT_EQ(traced.str(), "");
   EXPECT_THROW(Orb::throwInternalException("surprise"), Orb::InternalException);
-  Orb::TraceHandle::configurationIs("");
-  Orb::TraceHandle::outputIs(nullptr);
-  EXPECT_CONTAINS(out.str(), "unexpected internal exception: surprise");
+  EXPECT_CONTAINS(traced.str(), "unexpected internal exception: surprise");
 }
 
-TEST(TraceTest, ParsesFacilitiesLevelsAndWildcards) {
+TEST_F(TraceTest, ParsesFacilitiesLevelsAndWildcards) {
   const std::tuple<const char*, const char*, uint32_t> cases[] = {
       {"Retra/0-9,Dnsr/1-3", "Dnsr", 0xe},
       {"Retra/0-9", "Orb", 0},
@@ -153,15 +152,14 @@ bool trace(Orb::TraceHandle& handle, const std::string& text) {
   return bool(t);
 }
 
-TEST(TraceTest, WritesEnabledLevelsAsOneLineToTheOutputOrTheFileNamedInTheEnvironment) {
-  std::ostringstream out;
-  Orb::TraceHandle::outputIs(&out);
+TEST_F(TraceTest, WritesEnabledLevelsAsOneLineToTheOutputOrTheFileNamedInTheEnvironment) {
+  Orb::TraceHandle::outputIs(&traced);
   Orb::TraceHandle handle("TestFacility", false);
   const std::string text(1000, 'x');
   EXPECT_FALSE(trace(handle, text));
   Orb::TraceHandle::configurationIs("TestFacility/1-2");
   EXPECT_TRUE(trace(handle, text));
-  const std::string line = out.str(), tail = " TestFacility 2 Retra:77 handleRequest: " + text;
+  const std::string line = traced.str(), tail = " TestFacility 2 Retra:77 handleRequest: " + text;
   EXPECT_EQ(line.substr(line.size() - tail.size() - 1), tail + "\n");
   EXPECT_EQ(line.find('\n'), line.size() - 1);
 

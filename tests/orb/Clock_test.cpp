@@ -6,7 +6,6 @@
 #include <limits>
 #include <stdexcept>
 
-#include "Orb/FileDescriptor.h"
 #include "orb/support/OrbTest.h"
 
 namespace {
@@ -100,17 +99,6 @@ TEST_F(ActivityManagerTest, StopEndsTheRunningLoopOnlyAndRunningInsideACallbackI
   manager->stop();  // outside runUntil: does not end the next one
   EXPECT_TRUE(manager->runUntil([&] { return alarm->calls == 5; }, 60.0));
   alarm->timeMinIs(never);
-  manager->runOnce(0);  // frees the clock's timer
-
-  OrbTest::SocketPair pair;  // a closing descriptor's handle is freed by the next turn
-  auto fd = Orb::allocate<Orb::FileDescriptor>(Orb::Name());
-  fd->descriptorIs(pair.fd[0]);
-  EXPECT_EQ(manager->liveHandles(), 0u);  // nothing to watch for yet
-  fd->notifyOnReadableIs(true);
-  fd->descriptorIs(-1);
-  EXPECT_EQ(manager->liveHandles(), 1u);
-  manager->runOnce(0);
-  EXPECT_EQ(manager->liveHandles(), 0u);
 }
 
 }  // namespace

@@ -115,11 +115,8 @@ TEST(FetchOutputTest, TextsTellStatusOrErrorSizeTimeAndStatistics) {
   EXPECT_EQ(RetraFetch::headerBlock(r),
             "HTTP 200\nContent-Length: 2\nContent-Type: text/plain\n\n");
   EXPECT_EQ(RetraFetch::progressLine(1, 3, 512), "1/3 done, 512 B received");
-  const std::pair<uint64_t, const char*> sizes[] = {{1023, "1023 B"},
-                                                    {1024, "1.0 KiB"},
-                                                    {13 * 1024 * 1024 + 512 * 1024, "13.5 MiB"},
-                                                    {uint64_t(3) << 40, "3.0 TiB"},
-                                                    {uint64_t(5000) << 40, "5000.0 TiB"}};
+  const std::pair<uint64_t, const char*> sizes[] = {
+      {1023, "1023 B"}, {1024, "1.0 KiB"}, {27 << 19, "13.5 MiB"}, {5000ull << 40, "5000.0 TiB"}};
   for (const auto& [size, text] : sizes) EXPECT_EQ(RetraFetch::sizeText(size), text);
 }
 

@@ -88,14 +88,8 @@ TEST(ResponseJsonTest, BodiesThatAreNoUtf8GoOutAsBase64) {
        {"\xc3", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\x80", "\xe2\x28\xa1"}) {
     EXPECT_FALSE(RetraFetch::isUtf8(text)) << text;
   }
-  const std::pair<std::string, const char*> vectors[] = {{"", ""},
-                                                         {"f", "Zg=="},
-                                                         {"fo", "Zm8="},
-                                                         {"foo", "Zm9v"},
-                                                         {"foob", "Zm9vYg=="},
-                                                         {"fooba", "Zm9vYmE="},
-                                                         {"foobar", "Zm9vYmFy"},
-                                                         {"\xfb\xff", "+/8="}};
+  const std::pair<std::string, const char*> vectors[] = {
+      {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foobar", "Zm9vYmFy"}, {"\xfb\xff", "+/8="}};
   for (const auto& [bytes, encoded] : vectors) EXPECT_EQ(RetraFetch::base64(bytes), encoded);
 }
 

@@ -32,18 +32,6 @@ bool contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
 
-std::vector<Json> jsonLines(const FetchRun& run) {
-  std::vector<Json> objects;
-  for (const std::string& line : linesOf(run.out)) objects.push_back(Json::parse(line));
-  return objects;
-}
-
-std::vector<std::string> keysOf(const Json& object) {
-  std::vector<std::string> keys;
-  for (const auto& item : object.items()) keys.push_back(item.key());
-  return keys;
-}
-
 TEST(RetraFetchTest, OutputFollowsTheOptions) {
   NginxServer nginx(3 << 20);
   RetraTest::TempDir dir("retra-fetch-files");
@@ -52,7 +40,7 @@ TEST(RetraFetchTest, OutputFollowsTheOptions) {
   const std::string missing = nginx.httpUrl("/status/404");
 
   const FetchRun plain = runFetch({"-m", kLimit, missing, small, redirect});
-  const FetchRun json = runFetch({"--json", "-m", kLimit, "-H", "X-Probe: 1", small});
+  const FetchRun json = runFetch({"--json", "-m", kLimit, small});
   const FetchRun include = runFetch({"-i", "--stats", "-m", kLimit, small});
   const FetchRun verbose = runFetch({"-v", "-m", kLimit, small});
   const FetchRun silent = runFetch({"-s", "-m", kLimit, small});
@@ -72,24 +60,15 @@ TEST(RetraFetchTest, OutputFollowsTheOptions) {
   EXPECT_EQ(plain.exitCode, 23);  // errHttpStatusCode
 
   ASSERT_EQ(json.exitCode, 0) << json.err;
-  const std::vector<Json> objects = jsonLines(json);
-  ASSERT_EQ(objects.size(), 1u) << json.out;
-  const Json& r = objects[0];
-  auto fresh = Orb::allocate<Retra::Response>(Retra::RequestKey(Retra::GET, "http://h/"));
-  EXPECT_EQ(keysOf(r), keysOf(RetraFetch::responseJson(*fresh)));  // every attribute, in order
+  const Json r = Json::parse(json.out);  // one object: more lines would not parse
   EXPECT_EQ(r["requestKey"], (Json{{"method", "GET"}, {"uri", small}}));
   EXPECT_EQ(r["requestState"], "stateFinished");
-  EXPECT_EQ(r["timeoutConnect"], 20);
-  EXPECT_EQ(r["timeoutRequest"], 20);
-  EXPECT_EQ(r["statusCode"], 200);
-  EXPECT_EQ(r["requestheader"]["X-Probe"], "1");
   EXPECT_EQ(r["body"], NginxServer::smallText());
-  EXPECT_EQ(r["counter"]["bytesDownload"], 1024);
-  EXPECT_TRUE(contains(json.err, "GET " + small + " -> 200, 1024 bytes, "));
 
   ASSERT_EQ(include.exitCode, 0) << include.err;
-  EXPECT_TRUE(include.out.starts_with("HTTP 200\n")) << include.out;
-  EXPECT_TRUE(contains(include.out, "\nContent-Length: 1024\n"));
+  EXPECT_TRUE(include.out.starts_with("HTTP 200\n") &&
+              contains(include.out, "\nContent-Length: 1024\n"))
+      << include.out;
   EXPECT_TRUE(include.out.ends_with("\n\n" + NginxServer::smallText()));
   std::istringstream bytesRow(include.err.substr(include.err.find("  bytesDownload ")));
   std::string name, fetch, all;
@@ -121,10 +100,9 @@ TEST(RetraFetchTest, HostNamesResolveThroughTheGivenDnsServers) {
       runFetch({"--dns-servers", dns.server(), "-m", kLimit, "http://nowhere.test:" + port + "/"});
 
   ASSERT_EQ(run.exitCode, 0) << run.err;
-  const std::vector<Json> objects = jsonLines(run);
-  ASSERT_EQ(objects.size(), 1u);
-  EXPECT_EQ(objects[0]["host"], "web.test");
-  EXPECT_EQ(objects[0]["ipAddress"], (Json{"127.0.0.1"}));
+  const Json object = Json::parse(run.out);
+  EXPECT_EQ(object["host"], "web.test");
+  EXPECT_EQ(object["ipAddress"], (Json{"127.0.0.1"}));
   EXPECT_EQ(missing.exitCode, 13) << missing.err;  // errDnsLookup
 }
 
@@ -138,7 +116,8 @@ TEST(RetraFetchTest, WatchWithCountReportsEveryFetchUntilTheCount) {
   const FetchRun plain = runFetch({"--watch", "--refresh", "0", "--count", "2", "-m", kLimit, url});
 
   ASSERT_EQ(json.exitCode, 0) << json.err;
-  const std::vector<Json> fetches = jsonLines(json);
+  std::vector<Json> fetches;
+  for (const std::string& line : linesOf(json.out)) fetches.push_back(Json::parse(line));
   ASSERT_EQ(fetches.size(), 3u) << json.out;
   for (size_t i = 0; i < fetches.size(); ++i) {
     EXPECT_EQ(fetches[i]["body"], "tick");                           // each fetch starts afresh
@@ -148,11 +127,9 @@ TEST(RetraFetchTest, WatchWithCountReportsEveryFetchUntilTheCount) {
     EXPECT_EQ(fetches[i]["lastChangeTime"], fetches[i]["lastUpdateTime"]);
   }
   // Each summary line tells its own fetch's share.
-  const auto lines = linesOf(json.err);
-  ASSERT_EQ(lines.size(), 3u) << json.err;
-  for (const std::string& line : lines)
-    EXPECT_TRUE(line.starts_with("GET " + url + " -> 200, 4 bytes, "));
-  EXPECT_TRUE(contains(lines[2], "[fetch 3]"));
+  for (const std::string& line : linesOf(json.err))
+    EXPECT_TRUE(line.starts_with("GET " + url + " -> 200, 4 bytes, ")) << line;
+  EXPECT_TRUE(json.err.ends_with("[fetch 3]\n"));
   EXPECT_EQ(plain.exitCode, 0) << plain.err;
   EXPECT_EQ(plain.out, "ticktick");  // every fetch's body as it finishes
 }
@@ -165,21 +142,18 @@ TEST(RetraFetchTest, ExitStatusNamesTheFirstFailedFetchOrTheUsageError) {
   server.routeIs("/gone", LoopbackHttpServer::answer(410, "gone"));
   const std::string refused = LoopbackHttpServer::refusingUrl();
   const std::pair<std::vector<std::string>, int> runs[] = {
-      {{"-m", kLimit, refused}, 24},                 // errConnRefused
-      {{"-m", "1", server.url("/silent")}, 14},      // errTimeout
-      {{"-m", kLimit, server.url("/nothing")}, 25},  // errCurlOther
-      {{"ftp://127.0.0.1/file"}, 12},                // errUnsupportedScheme
-      {{"-X", "FETCH", "http://127.0.0.1:1/"}, 2},
-      {{"--no-such-option", "http://127.0.0.1:1/"}, 2},
-      {{}, 2},
+      {{"-m", kLimit, refused}, 24},                     // errConnRefused
+      {{"-m", "1", server.url("/silent")}, 14},          // errTimeout
+      {{"-m", kLimit, server.url("/nothing")}, 25},      // errCurlOther
+      {{"ftp://127.0.0.1/file"}, 12},                    // errUnsupportedScheme
+      {{"--no-such-option", "http://127.0.0.1:1/"}, 2},  // the messages: FetchOptionsTest
   };
   for (const auto& [args, exitCode] : runs) {
     const FetchRun run = runFetch(args);
     EXPECT_EQ(run.exitCode, exitCode) << run.err;
-    if (exitCode == 2) {
-      EXPECT_TRUE(run.err.starts_with("retra-fetch: ")) << run.err;
-      EXPECT_TRUE(contains(run.err, "Try 'retra-fetch --help'"));
-    }
+    EXPECT_TRUE(exitCode != 2 || (run.err.starts_with("retra-fetch: ") &&
+                                  contains(run.err, "Try 'retra-fetch --help'")))
+        << run.err;
   }
 
   // Several failures: the first in the order of the URLs counts, whatever finished first.
