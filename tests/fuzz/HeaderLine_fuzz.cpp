@@ -75,8 +75,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view input(reinterpret_cast<const char*>(data), size);
   const Orb::Ptr<Retra::Response> response =
       Orb::allocate<Retra::Response>(Retra::RequestKey(Retra::GET, "http://127.0.0.1/"));
+  static CURL* const transfer = curl_easy_init();  // a transfer under way, never torn down
   Retra::CurlCallbackData record;
   record.response = response.ptr();
+  record.curlHandle = transfer;
 
   // One call per line, each line with its line feed, as libcurl splits a header block.
   Headers expected;
