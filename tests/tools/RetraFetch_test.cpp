@@ -227,6 +227,8 @@ TEST(RetraFetchTest, UsageErrorsExitWithTwoAndNameTheOption) {
   const std::pair<std::vector<std::string>, std::string> cases[] = {
       {{"-X", "FETCH", "http://127.0.0.1:1/"}, "-X/--request: unknown method 'FETCH'"},
       {{"--no-such-option", "http://127.0.0.1:1/"}, "--no-such-option"},
+      {{"--dns-servers", "127.0.0.1:53,dns.test", "http://127.0.0.1:1/"},
+       "--dns-servers: '127.0.0.1:53,dns.test'"},
       {{}, "url is required"},
   };
   for (const auto& [args, named] : cases) {
