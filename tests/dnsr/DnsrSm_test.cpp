@@ -54,21 +54,51 @@ TEST_F(DnsrSmTest, HostsResolveToWhatTheyHaveOrFailWithTheReasonAndAddressesCome
   EXPECT_EQ(state(badName), "invalid errBadName");
 }
 
+// Counts the changes of a record's validity and error, which users of the record act on.
+class OutcomeWatch : public Dnsr::ResolutionRecord::NotifieeConst {
+ public:
+  int changes = 0;
+  void onValid() override { ++changes; }
+  void onLastError() override { ++changes; }
+};
+
 // The first server never answers: each query is passed on to the next.
-TEST_F(DnsrSmTest, RefreshFollowsChangedAnswersAndAFailedOneKeepsTheAddresses) {
+TEST_F(DnsrSmTest, RefreshFollowsChangedAnswersAndFailedOnesOnlyReportAsRefreshErrors) {
   SilentServer silent;
   Dnsmasq dns(zone, /*ttl=*/1);
   serviceIs(silent.server() + "," + dns.server());
   requests_->requestIs("both.test", 1);
   ASSERT_TRUE(runUntil([&] { return state("both.test").starts_with("valid"); }));
+  auto record = records_->record("both.test");
+  auto watch = Orb::allocate<OutcomeWatch>();
+  watch->notifierIs(record);
   dns.hostsIs("192.0.2.11 both.test\n");
   ASSERT_TRUE(runUntil([&] { return state("both.test") == "valid errNone 192.0.2.11"; }));
   dns.hostsIs("192.0.2.20 v4only.test\n");  // both.test is gone: NXDOMAIN
-  ASSERT_TRUE(runUntil([&] { return state("both.test") == "valid errNoSuchName 192.0.2.11"; }));
+  ASSERT_TRUE(runUntil([&] { return record->lastRefreshError() == Dnsr::errNoSuchName; }));
+  EXPECT_EQ(state("both.test"), "valid errNone 192.0.2.11");
   dns.hostsIs(zone);
   ASSERT_TRUE(
       runUntil([&] { return state("both.test") == "valid errNone 192.0.2.10 2001:db8::10"; }));
+  EXPECT_EQ(record->lastRefreshError(), unsigned(Dnsr::errNone));
+  const Orb::Seconds failedBefore = record->lastRefreshErrorTime();
+  dns.stop();  // the servers go away: the record stands as it was
+  ASSERT_TRUE(runUntil([&] { return record->lastRefreshError() != Dnsr::errNone; }));
+  EXPECT_EQ(state("both.test"), "valid errNone 192.0.2.10 2001:db8::10");
+  EXPECT_GT(record->lastRefreshErrorTime(), failedBefore);
+  EXPECT_EQ(watch->changes, 0);
   EXPECT_GT(silent.queriesReceived(), 0u);
+}
+
+// c-ares alone would wait 0.2 + 0.4 + 0.8 + 1.6 s, doubling its time-out each round.
+TEST_F(DnsrSmTest, ASilentServerFailsALookUpAfterTimeOutTimesTries) {
+  SilentServer silent;
+  const Dnsr::DnsrConfig config{Dnsr::NameServer::listOf(silent.server()), 0.2, 4, 10.0};
+  service_ = Dnsr::DnsrSm::DnsrSmIs(records_, requests_, config);
+  EXPECT_DOUBLE_EQ(service_->lookupDeadline(), 0.8);
+  requests_->requestIs("slow.test", 1);
+  EXPECT_TRUE(runUntil([&] { return state("slow.test") == "invalid errTimeout"; }, 2.0));
+  EXPECT_EQ(service_->lookupsRunning(), 0u);
 }
 
 TEST_F(DnsrSmTest, LiteralsNeedNoServerASilentOneTimesOutAndWithdrawalsCancelLookUps) {

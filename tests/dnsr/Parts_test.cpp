@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <sstream>
 #include <string>
 
 #include "Dnsr/DnsrConfig.h"
@@ -10,6 +11,7 @@
 #include "Dnsr/ResolutionRecordDir.h"
 #include "Dnsr/internal/LookupAnswer.h"
 #include "Orb/Exception.h"
+#include "Orb/Trace.h"
 
 namespace {
 
@@ -33,9 +35,39 @@ TEST(NameServerTest,
   // The environment names the servers of the default configuration.
   ::setenv("DNSR_SERVERS", "127.0.0.1:5353,[::1]:5354", 1);
   EXPECT_EQ(Dnsr::DnsrConfig::fromEnvironment().servers.size(), 2u);
+  // A malformed list must not stop the host: the system's servers serve, and the trace says why.
+  std::ostringstream trace;
+  Orb::TraceHandle::outputIs(&trace);
+  Orb::TraceHandle::configurationIs("Dnsr/1");
   ::setenv("DNSR_SERVERS", "127.0.0.1:5353,dns.example", 1);
-  EXPECT_THROW((void)Dnsr::DnsrConfig::fromEnvironment(), Orb::RangeException);
+  EXPECT_TRUE(Dnsr::DnsrConfig::fromEnvironment().servers.empty());
   ::unsetenv("DNSR_SERVERS");
+  Orb::TraceHandle::configurationIs("");
+  Orb::TraceHandle::outputIs(nullptr);
+  EXPECT_NE(trace.str().find("DNSR_SERVERS ignored"), std::string::npos) << trace.str();
+  EXPECT_NE(trace.str().find("\"dns.example\""), std::string::npos) << trace.str();
+}
+
+TEST(DnsrConfigTest, UnsetTimeOutsComeFromResolvConfThenResOptionsElseTheCLibrarysDefaults) {
+  const struct {
+    const char* resolvConf;
+    const char* resOptions;
+    Orb::Seconds timeout;
+    unsigned tries;
+  } cases[] = {{"", "", 5.0, 2},
+               {"nameserver 127.0.0.1\noptions ndots:2 timeout:3 attempts:4\n", "", 3.0, 4},
+               {"options timeout:3\noptions attempts:4\n", "attempts:1", 3.0, 1},
+               {"options timeout:99 attempts:9 rotate\n", "", 30.0, 5},
+               {"#options timeout:1\noptionstimeout:1\n", "timeout:x attempts:0", 5.0, 2}};
+  for (const auto& c : cases) {
+    const Dnsr::DnsrConfig config = Dnsr::DnsrConfig{}.withSystemLimits(c.resolvConf, c.resOptions);
+    EXPECT_EQ(config.queryTimeout, c.timeout) << c.resolvConf << c.resOptions;
+    EXPECT_EQ(config.queryTries, c.tries) << c.resolvConf << c.resOptions;
+  }
+  const Dnsr::DnsrConfig given{{}, 0.2, 3, 1.0};  // given values stand
+  const Dnsr::DnsrConfig config = given.withSystemLimits("options timeout:1 attempts:1", "");
+  EXPECT_EQ(config.queryTimeout, 0.2);
+  EXPECT_EQ(config.queryTries, 3u);
 }
 
 TEST(LookupAnswerTest, HardFailuresOutrankMissingDataAndAnswersReplaceOnlyTheirFamily) {
@@ -53,18 +85,24 @@ TEST(LookupAnswerTest, HardFailuresOutrankMissingDataAndAnswersReplaceOnlyTheirF
   EXPECT_EQ((Dnsr::internal::LookupAnswer{ARES_ETIMEOUT, ARES_SUCCESS, {}, {b1}}).error(),
             Dnsr::errNone);
 
-  // Answers replace their family; a failure touches only the error.
+  // Answers replace their family; a failure touches only the error: `lastError` while the
+  // record is not valid, the refresh error once it is.
   auto record = Orb::allocate<Dnsr::ResolutionRecord>("a.test");
-  record->lastErrorIs(Dnsr::errTimeout);
-  Dnsr::internal::answerApplied(*record, {ARES_SUCCESS, ARES_SUCCESS, {a1}, {b1}});
+  Dnsr::internal::answerApplied(*record, {ARES_ETIMEOUT, ARES_ETIMEOUT, {}, {}}, 1.0);
+  EXPECT_TRUE(!record->valid() && record->lastError() == Dnsr::errTimeout);
+  Dnsr::internal::answerApplied(*record, {ARES_SUCCESS, ARES_SUCCESS, {a1}, {b1}}, 2.0);
   EXPECT_TRUE(record->valid() && record->lastError() == Dnsr::errNone);
-  Dnsr::internal::answerApplied(*record, {ARES_SUCCESS, ARES_ETIMEOUT, {a2}, {}});  // AAAA kept
+  Dnsr::internal::answerApplied(*record, {ARES_SUCCESS, ARES_ETIMEOUT, {a2}, {}}, 3.0);
   EXPECT_TRUE(!record->ipAddress(a1) && record->ipAddress(a2) && record->ip6Address(b1));
-  Dnsr::internal::answerApplied(*record, {ARES_SUCCESS, ARES_ENODATA, {a2}, {}});  // AAAA: none
+  Dnsr::internal::answerApplied(*record, {ARES_SUCCESS, ARES_ENODATA, {a2}, {}}, 4.0);
   EXPECT_TRUE(record->ip6Address().empty());
-  Dnsr::internal::answerApplied(*record, {ARES_ENOTFOUND, ARES_ENOTFOUND, {}, {}});
-  EXPECT_TRUE(record->valid() && record->ipAddress(a2) &&
-              record->lastError() == Dnsr::errNoSuchName);
+  Dnsr::internal::answerApplied(*record, {ARES_ENOTFOUND, ARES_ENOTFOUND, {}, {}}, 5.0);
+  EXPECT_TRUE(record->valid() && record->ipAddress(a2) && record->lastError() == Dnsr::errNone);
+  EXPECT_EQ(record->lastRefreshError(), unsigned(Dnsr::errNoSuchName));
+  EXPECT_EQ(record->lastRefreshErrorTime(), 5.0);
+  Dnsr::internal::answerApplied(*record, {ARES_SUCCESS, ARES_ENODATA, {a2}, {}}, 6.0);
+  EXPECT_EQ(record->lastRefreshError(), unsigned(Dnsr::errNone));
+  EXPECT_EQ(record->lastRefreshErrorTime(), 5.0);  // when the last outage was
 }
 
 // Notes each record notification as "host+" when the record is present then, else "host-".

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -128,17 +129,27 @@ TEST_F(ExceptionTest, ExpectedKindsPassQuietlyAndOthersAreTracedAsFaults) {
   EXPECT_CONTAINS(traced.str(), "unexpected internal exception: surprise");
 }
 
-TEST_F(TraceTest, ParsesFacilitiesLevelsAndWildcards) {
+TEST_F(TraceTest, ParsesFacilitiesLevelsAndWildcardsAndNamesMalformedItems) {
   const std::tuple<const char*, const char*, uint32_t> cases[] = {
       {"Retra/0-9,Dnsr/1-3", "Dnsr", 0xe},
       {"Retra/0-9", "Orb", 0},
-      {"*/2", "Any", 0x4},
+      {"*/2", "Any", 0x6},  // a single level N means 1 to N
+      {"Retra/3", "Retra", 0xe},
       {"Retra", "Retra", ~0u},
-      {"Retra/4,Retra/9", "Retra", 0x210},
-      {"Retra/x,Retra/9-40", "Retra", 0}};
+      {"Retra/4,Retra/9-9", "Retra", 0x21e},
+      {"Retra/x,Retra/9-40,Retra/5-2,/3,Retra/,Retra/2", "Retra", 0x6}};
   for (const auto& [configuration, facility, levels] : cases) {
     EXPECT_EQ(Orb::TraceHandle::levelsFor(configuration, facility), levels) << configuration;
   }
+  std::ostringstream out;
+  Orb::TraceHandle::outputIs(&out);
+  Orb::TraceHandle::configurationIs("Retra/2,Retra/x,,Dnsr/5-2");
+  Orb::TraceHandle::configurationIs("");
+  Orb::TraceHandle::outputIs(nullptr);
+  const std::string text = out.str();
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2) << text;
+  EXPECT_CONTAINS(text, "'Retra/x'");
+  EXPECT_CONTAINS(text, "'Dnsr/5-2'");
 }
 
 // Composes a level-2 line of `text` on `handle` if that level is enabled; true if it was.

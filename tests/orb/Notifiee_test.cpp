@@ -106,21 +106,24 @@ TEST_F(NotifieeTest, StrongObserversKeepTheNotifierAliveAndWeakOnesAreToldOfItsE
   EXPECT_EQ(second->notifierPtr(), nullptr);
 }
 
-TEST_F(NotifieeTest, UnregisteredOrDroppedObserversGetNoCallbacks) {
-  auto a = watcher("a"), weak = watcher("w", true);
+TEST_F(NotifieeTest, UnregisteredOrDroppedObserversGetNoCallbacksButHearOfTheEnd) {
+  auto a = watcher("a"), weak = watcher("w", true), quiet = watcher("q", true);
+  quiet->isRegisteredNotifieeIs(false);
   a->isRegisteredNotifieeIs(false);
   counter->valueIs();
   a->isRegisteredNotifieeIs(true);  // joins again and replays like a new connection
   counter->valueIs();
   counter->notifiees().deleteAll();
   counter->valueIs();
-  EXPECT_EQ(events, (Log{"a+", "w+", "w", "a+", "w", "a"}));
-  EXPECT_EQ(weak->notifierPtr(), nullptr);     // it would not hear of the end
-  EXPECT_EQ(a->notifierPtr(), counter.ptr());  // still holds its reference
+  EXPECT_EQ(events, (Log{"a+", "w+", "q+", "w", "a+", "w", "a"}));
+  EXPECT_EQ(weak->notifierPtr(), counter.ptr());
   counter = nullptr;
-  EXPECT_EQ(destroyed, 0);
+  EXPECT_EQ(destroyed, 0);  // `a` still holds its reference
   a = nullptr;
   EXPECT_EQ(destroyed, 1);
+  // Both weak ones forgot the notifier, so they do not detach from freed memory when they go.
+  EXPECT_EQ(weak->notifierPtr(), nullptr);
+  EXPECT_EQ(quiet->notifierPtr(), nullptr);
 }
 
 }  // namespace

@@ -105,12 +105,14 @@ DnsrSm::DnsrSm(const Orb::Ptr<ResolutionRecordDir>& records,
                const Orb::Ptr<const ResolutionRequestDir>& requests, const DnsrConfig& config)
     : records_(records),
       requests_(requests),
-      config_(config),
-      channel_(std::make_unique<internal::AresChannel>(config, Orb::activityManager()->clock())),
+      config_(config.withSystemLimits()),
+      channel_(std::make_unique<internal::AresChannel>(config_, Orb::activityManager()->clock())),
       listener_(std::make_unique<LookupListener>(this)),
       requestReactor_(Orb::allocate<RequestReactor>(this)),
       workTimer_(Orb::allocate<WorkTimer>(this)) {
   config_.refreshFloor = floorOf(config_.refreshFloor);
+  lookupDeadline_ = config_.queryTimeout * config_.queryTries *
+                    Orb::Seconds(std::max<size_t>(1, channel_->serverCount()));
   channel_->isActiveIs(false);
   // Connected but silent until notification is switched on, which replays the directory.
   requestReactor_->isRegisteredNotifieeIs(false);
@@ -186,7 +188,7 @@ void DnsrSm::handleAllRequests() {
 }
 
 void DnsrSm::hostIs(const Orb::String& host) {
-  hosts_.try_emplace(host, Host{nullptr, nullptr, Orb::Clock::never});
+  hosts_.try_emplace(host, Host{nullptr, nullptr, Orb::Clock::never, Orb::Clock::never});
   // Observers of the directory hear of the record here and may withdraw the request at once.
   Orb::Ptr<ResolutionRecord> record = records_->recordIs(Orb::Name(host));
   auto it = hosts_.find(host);
@@ -230,10 +232,13 @@ void DnsrSm::lookupStarted(const Orb::String& host, bool refresh) {
   }
   Host& entry = it->second;
   entry.nextLookup = Orb::Clock::never;
+  entry.deadline = Orb::System::currentTime() + lookupDeadline_;
   entry.lookup = Orb::allocate<internal::HostLookup>(host, listener_.get());
   Orb::Ptr<internal::HostLookup> lookup = entry.lookup;  // `entry` may not outlive start()
+  const Orb::Seconds deadline = entry.deadline;
   lookup->start(channel_->channel());
   channel_->timeoutUpdated();
+  if (!lookup->isDone() && deadline < workTimer_->timeMin()) workTimer_->timeMinIs(deadline);
 }
 
 void DnsrSm::lookupDone(internal::HostLookup* lookup) {
@@ -244,9 +249,24 @@ void DnsrSm::lookupDone(internal::HostLookup* lookup) {
 
 void DnsrSm::handleWork() {
   Orb::Ptr<DnsrSm> hold(this);
+  overdueLookupsExpired();
   answersDelivered();
   refreshesStarted();
   workScheduled();
+}
+
+void DnsrSm::overdueLookupsExpired() {
+  const Orb::Seconds now = Orb::System::currentTime();
+  std::vector<Orb::Ptr<internal::HostLookup>> overdue;
+  for (const auto& [host, entry] : hosts_) {
+    if (entry.lookup && !entry.lookup->isDone() && entry.deadline <= now) {
+      overdue.push_back(entry.lookup);
+    }
+  }
+  if (overdue.empty()) return;
+  for (const Orb::Ptr<internal::HostLookup>& lookup : overdue) lookup->expire();
+  // Their queries may still be out: with no other look-up running, end them.
+  idleChannelCancelled();
 }
 
 void DnsrSm::answersDelivered() {
@@ -271,7 +291,7 @@ void DnsrSm::answersDelivered() {
                              << "' failed: " << resolutionErrorType().stringValue(answer.error()));
     }
     // Observers run here and may withdraw any request, this one included.
-    internal::answerApplied(*record, answer);
+    internal::answerApplied(*record, answer, Orb::System::currentTime());
   }
 }
 
@@ -288,7 +308,11 @@ void DnsrSm::workScheduled() {
   Orb::Seconds next = Orb::Clock::never;
   if (!finished_.empty()) next = Orb::System::currentTime();
   for (const auto& [host, entry] : hosts_) {
-    if (!entry.lookup) next = std::min(next, entry.nextLookup);
+    if (!entry.lookup) {
+      next = std::min(next, entry.nextLookup);
+    } else if (!entry.lookup->isDone()) {
+      next = std::min(next, entry.deadline);
+    }
   }
   if (next != workTimer_->timeMin()) workTimer_->timeMinIs(next);
 }

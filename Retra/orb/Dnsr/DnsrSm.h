@@ -34,10 +34,16 @@ class HostLookup;
 //     then `lastError` becomes `errNone`, then `valid` true; a host with only A or only AAAA
 //     answers is valid with that family alone. On failure `lastError` takes the reason (a
 //     `ResolutionError`) and `valid` stays false.
+//   - A look-up that has not ended after its deadline, queryTimeout x queryTries per name
+//     server (`lookupDeadline()`), is given up and fails with `errTimeout`; families answered
+//     by then count.
 //   - The host is looked up again when the shortest TTL of its answers has run out, but not
 //     sooner than the configured refresh floor (a failed look-up is retried after the floor).
-//     A refresh adds and removes addresses as the answers change. A failed refresh keeps the
-//     addresses and `valid` and sets `lastError`; the next successful one clears it.
+//     A refresh adds and removes addresses as the answers change, leaving `valid` and
+//     `lastError` alone. A refresh that fails keeps the addresses, `valid` true and `lastError`
+//     `errNone`, and sets `lastRefreshErrorTime` then `lastRefreshError`; the next successful
+//     one sets `lastRefreshError` back to `errNone`. So an outage of the name servers changes
+//     nothing that users of valid records watch.
 //   - A SERVFAIL or REFUSED answer ends the query when there is a single name server, which
 //     reports `errServerFailure` or `errRefused`; with several, c-ares asks the next one, and
 //     when none answers usefully the error reads `errServerFailure`.
@@ -62,8 +68,9 @@ class DnsrSm : public Orb::PtrInterface {
   [[nodiscard]] static Orb::Ptr<DnsrSm> DnsrSmIs(
       const Orb::Ptr<ResolutionRecordDir>& records,
       const Orb::Ptr<const ResolutionRequestDir>& requests);
-  // The same with an explicit configuration (name servers, time-outs, refresh floor). A
-  // channel c-ares cannot create raises the range exception; so do null directories.
+  // The same with an explicit configuration (name servers, time-outs, refresh floor); time-outs
+  // left at 0 come from the system (`DnsrConfig::withSystemLimits()`). A channel c-ares cannot
+  // create raises the range exception; so do null directories.
   [[nodiscard]] static Orb::Ptr<DnsrSm> DnsrSmIs(
       const Orb::Ptr<ResolutionRecordDir>& records,
       const Orb::Ptr<const ResolutionRequestDir>& requests, const DnsrConfig& config);
@@ -75,7 +82,11 @@ class DnsrSm : public Orb::PtrInterface {
   [[nodiscard]] const Orb::Ptr<const ResolutionRequestDir>& requests() const noexcept {
     return requests_;
   }
+  // The configuration in force, with the system's time-outs filled in.
   [[nodiscard]] const DnsrConfig& config() const noexcept { return config_; }
+  // Longest a look-up runs before it fails with `errTimeout`: queryTimeout x queryTries for each
+  // name server. (c-ares alone would double the time-out each round.)
+  [[nodiscard]] Orb::Seconds lookupDeadline() const noexcept { return lookupDeadline_; }
 
   // Shortest time between two look-ups of one host; takes effect from each host's next
   // look-up.
@@ -106,6 +117,7 @@ class DnsrSm : public Orb::PtrInterface {
     Orb::Ptr<ResolutionRecord> record;
     Orb::Ptr<internal::HostLookup> lookup;
     Orb::Seconds nextLookup;  // when to look the host up again; +infinity: not planned
+    Orb::Seconds deadline;    // when the look-up in flight is given up
   };
 
   DnsrSm(const Orb::Ptr<ResolutionRecordDir>& records,
@@ -121,6 +133,7 @@ class DnsrSm : public Orb::PtrInterface {
   void hostIs(const Orb::String& host);
   void hostDel(const Orb::String& host);
   void lookupStarted(const Orb::String& host, bool refresh);
+  void overdueLookupsExpired();
   void answersDelivered();
   void refreshesStarted();
   void workScheduled();
@@ -130,6 +143,7 @@ class DnsrSm : public Orb::PtrInterface {
   Orb::Ptr<const ResolutionRequestDir> requests_;
   DnsrConfig config_;
   std::unique_ptr<internal::AresChannel> channel_;
+  Orb::Seconds lookupDeadline_ = 0;
   std::unique_ptr<LookupListener> listener_;
   Orb::Ptr<RequestReactor> requestReactor_;
   Orb::Ptr<WorkTimer> workTimer_;

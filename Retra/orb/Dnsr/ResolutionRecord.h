@@ -6,14 +6,19 @@
 #include "Orb/Attribute.h"
 #include "Orb/Entity.h"
 #include "Orb/HashMap.h"
+#include "Orb/Seconds.h"
 #include "Orb/String.h"
 
-// hostname    the name looked up, fixed at creation
-// valid       the address sets are usable
-// lastError   a `Dnsr::ResolutionError`: `errNone` (0) after a successful look-up, else why the
-//             last one failed
-// ipAddress   the IPv4 addresses, a set: each key is an address, stored with `true`
-// ip6Address  the IPv6 addresses, likewise
+// hostname              the name looked up, fixed at creation
+// valid                 the address sets are usable
+// lastError             a `Dnsr::ResolutionError`: `errNone` (0) once a look-up has succeeded,
+//                       else why the last one failed; a valid record keeps `errNone`
+// ipAddress             the IPv4 addresses, a set: each key is an address, stored with `true`
+// ip6Address            the IPv6 addresses, likewise
+// lastRefreshError      a `Dnsr::ResolutionError`: why the latest refresh of a valid record
+//                       failed; back to `errNone` when a refresh succeeds
+// lastRefreshErrorTime  when a refresh of a valid record last failed (`System::currentTime()`);
+//                       0 if none has, and kept when a later refresh succeeds
 #define DNSR_RESOLUTION_RECORD_ATTRIBUTES(X)                                                     \
   X(FIXED, hostname, Orb::String)                                                                \
   X(SCALAR, valid, bool, validIs, onValid, false)                                                \
@@ -21,7 +26,9 @@
   X(COLLECTION, ipAddress, Ipkit::IpAddr, bool, ipAddressIs, ipAddressDel, ipAddressDelAll,      \
     onIpAddress, onIpAddressImmediate)                                                           \
   X(COLLECTION, ip6Address, Ipkit::Ip6Addr, bool, ip6AddressIs, ip6AddressDel, ip6AddressDelAll, \
-    onIp6Address, onIp6AddressImmediate)
+    onIp6Address, onIp6AddressImmediate)                                                         \
+  X(SCALAR, lastRefreshError, unsigned, lastRefreshErrorIs, onLastRefreshError, 0u)              \
+  X(SCALAR, lastRefreshErrorTime, Orb::Seconds, lastRefreshErrorTimeIs, onLastRefreshErrorTime, 0.0)
 
 namespace Dnsr {
 
@@ -30,10 +37,13 @@ namespace Dnsr {
 // entity name. The service is the only writer; clients observe.
 //
 // Each mutator notifies only on a real change, after the change: `onValid()`, `onLastError()`,
-// and for an address added, changed or removed `onIpAddress(address)` (or `onIp6Address`)
-// followed by `onIpAddressImmediate()`. The service writes a successful answer's addresses
-// before it clears `lastError` and sets `valid`, so an observer of either sees them complete;
-// once `valid` it keeps the record valid, with its addresses, through failed refreshes.
+// `onLastRefreshError()`, `onLastRefreshErrorTime()`, and for an address added, changed or
+// removed `onIpAddress(address)` (or `onIp6Address`) followed by `onIpAddressImmediate()`. The
+// service writes a successful answer's addresses before it clears `lastError` and sets `valid`,
+// so an observer of either sees them complete. Once `valid`, the record stays valid with
+// `lastError` `errNone` for good: a refresh that fails keeps the addresses and reports only in
+// `lastRefreshErrorTime` then `lastRefreshError`, and a refresh with other addresses changes only
+// the address sets, so observers of `valid` and `lastError` hear nothing of either.
 //
 //   class Ready : public Dnsr::ResolutionRecord::NotifieeConst {
 //     void onValid() override {

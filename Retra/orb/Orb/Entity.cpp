@@ -35,13 +35,6 @@ std::string_view Entity::parentAttrName() const {
   return parent_->typeNode()->attributeName(parentAttrId_);
 }
 
-void Entity::activeReactorIs(const NotifieeBase* reactor) const {
-  if (reactor && activeReactor_ && activeReactor_ != reactor) {
-    throwInternalException("entity reactor is already active");
-  }
-  activeReactor_ = reactor;
-}
-
 Ptr<Entity> Entity::entity(const Name& name) const {
   auto it = children_.find(name);
   return it == children_.end() ? Ptr<Entity>() : Ptr<Entity>(it->second);

@@ -47,12 +47,6 @@ class Entity : public PtrInterface {
 
   [[nodiscard]] NotifieeList& notifiees() const noexcept { return notifiees_; }
 
-  // The one reactor that carries out the entity's own behaviour (see `EntityReactor`). Claiming
-  // the slot while another reactor holds it raises the internal exception "entity reactor is
-  // already active"; null gives the slot up.
-  [[nodiscard]] const NotifieeBase* activeReactor() const noexcept { return activeReactor_; }
-  void activeReactorIs(const NotifieeBase* reactor) const;
-
  protected:
   ~Entity() override;
 
@@ -62,31 +56,6 @@ class Entity : public PtrInterface {
   AttributeId parentAttrId_ = 0;
   HashMap<Name, Entity*> children_;
   mutable NotifieeList notifiees_;
-  mutable const NotifieeBase* activeReactor_ = nullptr;
-};
-
-// Base of a reactor that carries out an entity's behaviour: at most one is active per entity.
-// `NotifieeT` is the entity type's `NotifieeConst`.
-//
-//   class ResponseReactor : public Orb::EntityReactor<Response::NotifieeConst> { ... };
-//   auto r = Orb::allocate<ResponseReactor>(response);   // a second one throws
-template <class NotifieeT>
-class EntityReactor : public NotifieeT {
- public:
-  using Notifier = typename NotifieeT::NotifierType;
-
- protected:
-  explicit EntityReactor(const Notifier* entity) : entity_(entity) {
-    if (entity_) entity_->activeReactorIs(this);
-  }
-  ~EntityReactor() override {
-    if (entity_ && entity_->activeReactor() == this) entity_->activeReactorIs(nullptr);
-  }
-  // Connects after construction, once the reactor is held by a pointer.
-  void connect() { this->notifierIs(entity_); }
-
- private:
-  const Notifier* entity_;
 };
 
 }  // namespace Orb

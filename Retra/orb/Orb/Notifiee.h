@@ -8,7 +8,9 @@ namespace Orb {
 // Observer of one notifier of type `Notifier` (anything with `NotifieeList& notifiees() const`).
 // Entity types derive their `NotifieeConst` from it and add one virtual `on...` callback per
 // attribute. By default the observer holds a strong reference to its notifier; a weak one does
-// not keep the notifier alive and is told (`handleNotifierGone`) when it goes.
+// not keep the notifier alive and is told (`handleNotifierGone`) when it goes, registered or
+// not: a connected observer is always in its notifier's list, as a silent member while it is
+// unregistered or after the notifier dropped it (`deleteAll`).
 //
 //   class Watcher : public Response::NotifieeConst {
 //     void onStatusCode() override { ... }
@@ -35,6 +37,8 @@ class BaseNotifiee : public NotifieeBase {
     if (registered_) {
       notifier_->notifiees().newMember(this);
       onNotifierConnected();
+    } else {
+      notifier_->notifiees().newSilentMember(this);
     }
   }
 
@@ -50,8 +54,8 @@ class BaseNotifiee : public NotifieeBase {
     }
   }
 
-  // Whether the observer wants callbacks. Off keeps the notifier but leaves its list; on joins
-  // it again and replays like a new connection.
+  // Whether the observer wants callbacks. Off keeps the notifier and stays in its list as a
+  // silent member; on receives callbacks again and replays like a new connection.
   [[nodiscard]] bool isRegisteredNotifiee() const noexcept { return registered_; }
   void isRegisteredNotifieeIs(bool registered) {
     if (registered == registered_) return;
@@ -61,7 +65,7 @@ class BaseNotifiee : public NotifieeBase {
       notifier_->notifiees().newMember(this);
       onNotifierConnected();
     } else {
-      notifier_->notifiees().deleteMember(this);
+      notifier_->notifiees().newSilentMember(this);
     }
   }
 
@@ -76,9 +80,6 @@ class BaseNotifiee : public NotifieeBase {
   virtual void onNotifierConnected() {}
 
   void handleNotifierGone() override { notifier_ = nullptr; }
-  void handleDroppedFromList() override {
-    if (weak_) notifier_ = nullptr;  // a strong reference keeps the pointer valid
-  }
 
  private:
   void detach() {

@@ -27,23 +27,45 @@ NotifieeList::~NotifieeList() {
   // Each member forgets this notifier; iterate over a copy, since members may leave.
   std::vector<NotifieeBase*> members;
   members.swap(members_);
+  members.insert(members.end(), silent_.begin(), silent_.end());
+  silent_.clear();
   count_ = 0;
   for (NotifieeBase* m : members) {
     if (!m) continue;
-    m->inList_ = false;
+    m->inList_ = m->silent_ = false;
     m->handleNotifierGone();
   }
 }
 
 void NotifieeList::newMember(NotifieeBase* member) {
   if (!member || member->inList_) return;
+  if (member->silent_) {
+    std::erase(silent_, member);
+    member->silent_ = false;
+  }
   members_.push_back(member);
   member->inList_ = true;
   ++count_;
 }
 
+void NotifieeList::newSilentMember(NotifieeBase* member) {
+  if (!member || member->silent_) return;
+  memberLeft(member);
+  silent_.push_back(member);
+  member->silent_ = true;
+}
+
 void NotifieeList::deleteMember(NotifieeBase* member) {
-  if (!member || !member->inList_) return;
+  if (!member) return;
+  memberLeft(member);
+  if (member->silent_) {
+    std::erase(silent_, member);
+    member->silent_ = false;
+  }
+}
+
+void NotifieeList::memberLeft(NotifieeBase* member) {
+  if (!member->inList_) return;
   auto it = std::find(members_.begin(), members_.end(), member);
   if (it == members_.end()) return;
   member->inList_ = false;
@@ -61,7 +83,8 @@ void NotifieeList::deleteAll() {
     if (!m) continue;
     m->inList_ = false;
     --count_;
-    m->handleDroppedFromList();
+    silent_.push_back(m);
+    m->silent_ = true;
   }
   if (!visits_) members_.clear();
 }

@@ -9,6 +9,7 @@
 #include <iostream>
 #include <mutex>
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace Orb {
@@ -21,6 +22,7 @@ struct Registry {
   std::ostream* output = nullptr;
   std::ofstream file;
   std::optional<std::string> configuration;  // set by configurationIs; else ORB_TRACE applies
+  bool environmentRead = false;              // ORB_TRACE's malformed items have been reported
 };
 
 Registry& registry() {
@@ -37,39 +39,69 @@ std::ostream& defaultOutput(Registry& r) {
   return r.file.is_open() ? static_cast<std::ostream&>(r.file) : std::cerr;
 }
 
-// "3", "0-9" or "*" into a level mask; 0 for anything else.
-uint32_t parseLevels(std::string_view text) {
+// "3" (levels 1 to 3), "0-9" or "*" into a level mask; nothing for malformed text.
+std::optional<uint32_t> levelsOf(std::string_view text) {
   if (text.empty() || text == "*") return ~0u;
   auto number = [](std::string_view t, unsigned& out) {
     auto [end, ec] = std::from_chars(t.data(), t.data() + t.size(), out);
     return ec == std::errc() && end == t.data() + t.size() && out <= TraceHandle::maxLevel;
   };
-  unsigned low = 0, high = 0;
+  unsigned low = 1, high = 0;
   if (auto dash = text.find('-'); dash != std::string_view::npos) {
-    if (!number(text.substr(0, dash), low) || !number(text.substr(dash + 1), high)) return 0;
-  } else {
-    if (!number(text, low)) return 0;
-    high = low;
+    if (!number(text.substr(0, dash), low) || !number(text.substr(dash + 1), high) || low > high) {
+      return std::nullopt;
+    }
+  } else if (!number(text, high)) {
+    return std::nullopt;
   }
   uint32_t mask = 0;
   for (unsigned l = low; l <= high; ++l) mask |= 1u << l;
   return mask;
 }
 
+// Calls `item(name, levels)` for each well-formed item of a configuration text and
+// `malformed(item)` for each other non-empty one.
+template <class Item, class Malformed>
+void itemsRead(std::string_view text, Item item, Malformed malformed) {
+  while (!text.empty()) {
+    auto comma = text.find(',');
+    std::string_view entry = text.substr(0, comma);
+    text = comma == std::string_view::npos ? std::string_view() : text.substr(comma + 1);
+    if (entry.empty()) continue;
+    auto slash = entry.find('/');
+    std::string_view name = entry.substr(0, slash);
+    auto levels =
+        levelsOf(slash == std::string_view::npos ? std::string_view() : entry.substr(slash + 1));
+    if (name.empty() || !levels || (slash != std::string_view::npos && slash + 1 == entry.size())) {
+      malformed(entry);
+    } else {
+      item(name, *levels);
+    }
+  }
+}
+
+// Names each malformed item of `text` on the trace output, once per text taken up.
+void malformedItemsReported(Registry& r, std::string_view text) {
+  itemsRead(
+      text, [](std::string_view, uint32_t) {},
+      [&](std::string_view entry) {
+        std::ostream& out = r.output ? *r.output : defaultOutput(r);
+        out << "ORB_TRACE: ignoring malformed item '" << entry
+            << "' (expected facility, facility/N for levels 1 to N, or facility/low-high)\n";
+        out.flush();
+      });
+}
+
 }  // namespace
 
 uint32_t TraceHandle::levelsFor(std::string_view text, std::string_view facility) {
   uint32_t mask = 0;
-  while (!text.empty()) {
-    auto comma = text.find(',');
-    std::string_view item = text.substr(0, comma);
-    text = comma == std::string_view::npos ? std::string_view() : text.substr(comma + 1);
-    auto slash = item.find('/');
-    std::string_view name = item.substr(0, slash);
-    std::string_view levels =
-        slash == std::string_view::npos ? std::string_view() : item.substr(slash + 1);
-    if (name == "*" || name == facility) mask |= parseLevels(levels);
-  }
+  itemsRead(
+      text,
+      [&](std::string_view name, uint32_t levels) {
+        if (name == "*" || name == facility) mask |= levels;
+      },
+      [](std::string_view) {});
   return mask;
 }
 
@@ -81,6 +113,7 @@ TraceHandle::TraceHandle(String facility, bool fromEnvironment) : facility_(std:
       levels_ = levelsFor(*r.configuration, facility_.view());
     } else if (const char* text = std::getenv("ORB_TRACE")) {
       levels_ = levelsFor(text, facility_.view());
+      if (!std::exchange(r.environmentRead, true)) malformedItemsReported(r, text);
     }
   }
   r.handles.push_back(this);
@@ -97,6 +130,7 @@ void TraceHandle::configurationIs(std::string_view text) {
   std::lock_guard lock(r.mutex);
   r.configuration = std::string(text);
   for (TraceHandle* h : r.handles) h->levels_ = levelsFor(text, h->facility_.view());
+  malformedItemsReported(r, text);
 }
 
 void TraceHandle::outputIs(std::ostream* out) {

@@ -14,10 +14,14 @@ namespace Orb {
 // A trace facility ("RetraLib", "Dnsr", ...) and the levels enabled for it. Which levels are on
 // comes from the environment variable ORB_TRACE, a comma-separated list of facility/levels:
 //
-//   ORB_TRACE=RetraLib/0-9,Dnsr/1-3     ORB_TRACE='*/1'     ORB_TRACE=RetraLib   (all levels)
+//   ORB_TRACE=RetraLib/3,Dnsr/2-3       levels 1 to 3 of RetraLib, levels 2 and 3 of Dnsr
+//   ORB_TRACE='*/1'     ORB_TRACE=RetraLib/0-9     ORB_TRACE=RetraLib   (all levels)
 //
-// `*` stands for every facility or every level. Lines go to stderr, or to the file named by
-// ORB_TRACE_FILE. A handle is created once per facility and kept until the process exits.
+// `Fac/N` enables levels 1 to N, so that failures (level 1) stay on; `Fac/low-high` the levels
+// from low to high; `*` stands for every facility or every level. A malformed item ("Dnsr/x",
+// "/3", "Dnsr/5-2") is ignored, and the trace output gets one line naming it when the text is
+// taken up. Lines go to stderr, or to the file named by ORB_TRACE_FILE. A handle is created once
+// per facility and kept until the process exits.
 class TraceHandle {
  public:
   static constexpr unsigned maxLevel = 31;

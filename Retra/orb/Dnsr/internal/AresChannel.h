@@ -43,6 +43,8 @@ class AresChannel {
   void isActiveIs(bool active);
   [[nodiscard]] bool isActive() const noexcept { return active_; }
 
+  // Name servers the channel asks.
+  [[nodiscard]] size_t serverCount() const;
   // Sockets c-ares currently has open and watched.
   [[nodiscard]] size_t socketWatchCount() const noexcept { return sockets_.size(); }
 
@@ -53,7 +55,6 @@ class AresChannel {
   // A channel for `config`; `takeFailureAnswers`: a SERVFAIL or REFUSED answer ends the query
   // rather than sending it to the next server.
   ares_channel created(const DnsrConfig& config, bool takeFailureAnswers);
-  [[nodiscard]] size_t serverCount() const;
   static void onSocketState(void* data, ares_socket_t socket, int readable, int writable);
   void socketStateIs(ares_socket_t socket, bool readable, bool writable);
   // Lets c-ares read and write the sockets given (ARES_SOCKET_BAD for none) and handle its

@@ -80,8 +80,8 @@ void HostLookup::onAnswer(void* arg, int status, int timeouts, unsigned char* re
   Orb::Ptr<HostLookup> lookup = std::move(query->lookup);
   const int type = query->type;
   delete query;
-  // Cancelled look-ups and a channel going away end here without reporting.
-  if (lookup->isCancelled() || status == ARES_EDESTRUCTION) return;
+  // Cancelled or expired look-ups and a channel going away end here without reporting.
+  if (lookup->isCancelled() || lookup->isDone() || status == ARES_EDESTRUCTION) return;
   try {  // nothing may unwind through c-ares
     lookup->answered(type, status, reply, length);
   } catch (const std::exception& e) {
@@ -110,9 +110,19 @@ void HostLookup::answered(int type, int status, const unsigned char* reply, int 
     if (status == ARES_SUCCESS && count == 0) status = ARES_ENODATA;
   }
   (type == ns_t_a ? answer_.ipStatus : answer_.ip6Status) = status;
+  (type == ns_t_a ? ipAnswered_ : ip6Answered_) = true;
   DNSR_TRACE(3, "host='" << host_ << "' " << (type == ns_t_a ? "A" : "AAAA") << ": "
                          << (status == ARES_SUCCESS ? "answered" : ares_strerror(status)));
   if (--pending_ == 0) finished();
+}
+
+void HostLookup::expire() {
+  if (isDone()) return;
+  if (!ipAnswered_) answer_.ipStatus = ARES_ETIMEOUT;
+  if (!ip6Answered_) answer_.ip6Status = ARES_ETIMEOUT;
+  pending_ = 0;
+  DNSR_TRACE(3, "host='" << host_ << "' ran past its deadline");
+  finished();
 }
 
 void HostLookup::finished() {

@@ -14,7 +14,7 @@ namespace Dnsr::internal {
 //
 // The listener hears of completion once (possibly from inside `start()`). c-ares holds a
 // reference to the look-up for each query in flight, so a late callback always finds it alive;
-// after `cancel()` those callbacks are ignored.
+// after `cancel()` or `expire()` those callbacks are ignored.
 class HostLookup : public Orb::PtrInterface {
  public:
   class Listener {
@@ -34,6 +34,10 @@ class HostLookup : public Orb::PtrInterface {
   void start(ares_channel channel);
   // Forgets the listener: the look-up will no longer report.
   void cancel() noexcept { listener_ = nullptr; }
+  // Gives up on the queries still out, when the look-up has run past its deadline: their
+  // families fail with ARES_ETIMEOUT and the listener hears of completion now; their late
+  // answers are ignored. Does nothing to a look-up that is done.
+  void expire();
   [[nodiscard]] bool isCancelled() const noexcept { return listener_ == nullptr; }
 
   [[nodiscard]] bool isDone() const noexcept { return started_ && pending_ == 0; }
@@ -54,6 +58,8 @@ class HostLookup : public Orb::PtrInterface {
   LookupAnswer answer_;
   int pending_ = 0;
   bool started_ = false;
+  bool ipAnswered_ = false;
+  bool ip6Answered_ = false;
   bool fromHostsFile_ = false;
 };
 

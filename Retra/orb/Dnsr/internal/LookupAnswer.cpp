@@ -37,9 +37,15 @@ ResolutionError LookupAnswer::error() const noexcept {
   return errNoData;
 }
 
-void answerApplied(ResolutionRecord& record, const LookupAnswer& answer) {
+void answerApplied(ResolutionRecord& record, const LookupAnswer& answer, Orb::Seconds now) {
   if (!answer.succeeded()) {
-    record.lastErrorIs(answer.error());
+    if (record.valid()) {
+      // The last good addresses stand: users of the record need not hear of an outage.
+      record.lastRefreshErrorTimeIs(now);
+      record.lastRefreshErrorIs(answer.error());
+    } else {
+      record.lastErrorIs(answer.error());
+    }
     return;
   }
   if (isDefinite(answer.ipStatus)) {
@@ -52,6 +58,7 @@ void answerApplied(ResolutionRecord& record, const LookupAnswer& answer) {
         record.ip6Address(), answer.ip6, [&](const auto& a) { record.ip6AddressDel(a); },
         [&](const auto& a) { record.ip6AddressIs(a, true); });
   }
+  record.lastRefreshErrorIs(errNone);
   record.lastErrorIs(errNone);
   record.validIs(true);
 }

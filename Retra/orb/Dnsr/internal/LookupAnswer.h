@@ -32,10 +32,12 @@ struct LookupAnswer {
   [[nodiscard]] ResolutionError error() const noexcept;
 };
 
-// Writes `answer` into `record`. On success each family whose query was answered (with
-// addresses or a definite "none") gets exactly its new addresses, a family whose query failed
-// keeps its old ones; then `lastError` becomes `errNone` and, last, `valid` true. On failure only
-// `lastError` changes: addresses and `valid` stay as they were.
-void answerApplied(ResolutionRecord& record, const LookupAnswer& answer);
+// Writes `answer`, found at time `now`, into `record`. On success each family whose query was
+// answered (with addresses or a definite "none") gets exactly its new addresses, a family whose
+// query failed keeps its old ones; then `lastRefreshError` and `lastError` become `errNone` and,
+// last, `valid` true. A failure of a valid record (a refresh) sets `lastRefreshErrorTime` to `now`
+// then `lastRefreshError`; a failure of a record not yet valid sets `lastError`. Nothing else
+// changes on failure.
+void answerApplied(ResolutionRecord& record, const LookupAnswer& answer, Orb::Seconds now);
 
 }  // namespace Dnsr::internal
