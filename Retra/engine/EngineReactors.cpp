@@ -65,12 +65,16 @@ void RetraSm::OrbRetraResponseReactor::onRequestState() {
 }
 
 void RetraSm::OrbRetraResponseReactor::handleRequestState(const RequestKey& key) {
+  const RequestState state = response_->requestState();
+  // The states in between only trace: without those traces there is nothing to look up.
+  if (state != stateDispatchReady && state != stateFinished && !internal::libTrace().isEnabled(3) &&
+      !internal::libTrace().isEnabled(9)) {
+    return;
+  }
   RetraSm* engine = engine_;
   // Dispatch and close may drop this reactor (a client reacting to the response).
   const Orb::Ptr<OrbRetraResponseReactor> self(this);
   const Orb::Ptr<RequestSm> sm = engine->requestSm(key);
-  const Orb::Seconds now = Orb::System::currentTime();
-  const RequestState state = response_->requestState();
   RETRA_TRACE_SM(3, sm, "] state=" << state);
   if (!sm) {
     // A machine being replaced or withdrawn finishes its response on its way out.
@@ -82,6 +86,7 @@ void RetraSm::OrbRetraResponseReactor::handleRequestState(const RequestKey& key)
     return;
   }
   if (state != stateFinished) return;
+  const Orb::Seconds now = Orb::System::currentTime();
   // The reactor watches its response read-only; the engine writes it through its directory.
   const Orb::Ptr<Response> response = engine->retraResponse()->directory()->response(key);
   if (!response) return;

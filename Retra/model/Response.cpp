@@ -1,10 +1,38 @@
 #include "Retra/model/Response.h"
 
+#include <cstring>
+#include <iterator>
+#include <string>
+#include <string_view>
+
 namespace Retra {
 
 namespace {
+// The method's name, kept per thread for the common small numbers.
+Orb::String methodName(Method method) {
+  thread_local Orb::String names[16];
+  if (static_cast<uint32_t>(method) >= std::size(names)) return stringValue(method);
+  Orb::String& name = names[static_cast<uint32_t>(method)];
+  if (name.empty()) name = stringValue(method);
+  return name;
+}
+
+// "METHOD uri", built in one allocation: every request names its response.
 Orb::Name nameOf(const RequestKey& key) {
-  return Orb::Name(stringValue(key.method()) + Orb::String(" ") + key.uri());
+  const Orb::String method = methodName(key.method());
+  const std::string_view uri = key.uri().view();
+  const size_t size = method.size() + 1 + uri.size();
+  char small[256];
+  std::string large;
+  char* text = small;
+  if (size > sizeof small) {
+    large.resize(size);
+    text = large.data();
+  }
+  std::memcpy(text, method.charPtr(), method.size());
+  text[method.size()] = ' ';
+  std::memcpy(text + method.size() + 1, uri.data(), uri.size());
+  return Orb::Name(Orb::String(text, size));
 }
 }  // namespace
 

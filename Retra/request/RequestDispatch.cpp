@@ -125,7 +125,8 @@ void RequestSm::doCurlDispatchRequest() {
   }
 
   // A client's own non-empty User-Agent goes out with the other header lines.
-  if (response->requestheader("User-Agent").empty()) {
+  thread_local const Orb::String userAgentName("User-Agent");  // looked up on every dispatch
+  if (response->requestheader(userAgentName).empty()) {
     curl_easy_setopt(easy, CURLOPT_USERAGENT, defaultUserAgent);
   }
 

@@ -26,6 +26,13 @@ void withInfo(CURL* easy, CURLINFO info, Apply apply) {
   if (curl_easy_getinfo(easy, info, &value) == CURLE_OK) apply(value);
 }
 
+// libcurl's text as a string, sharing the buffer of `known` when the texts are equal: the
+// effective URL is mostly the request's own, and a server mostly sends one content type.
+Orb::String sharedText(const char* text, const Orb::String& known) {
+  if (text && known.view() == text) return known;
+  return Orb::String(text);
+}
+
 // A byte count that libcurl gives as a double, truncated.
 uint64_t byteCount(double value) {
   return static_cast<uint64_t>(value);
@@ -63,9 +70,13 @@ void resultClassified(Response& response, CURLcode result) {
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 void statisticsPublished(CURL* easy, Response& response) {
   withInfo<char*>(easy, CURLINFO_EFFECTIVE_URL,
-                  [&](char* url) { response.effectiveUrlIs(Orb::String(url)); });
-  withInfo<char*>(easy, CURLINFO_CONTENT_TYPE,
-                  [&](char* type) { response.contentTypeIs(Orb::String(type)); });
+                  [&](char* url) { response.effectiveUrlIs(sharedText(url, response.uri())); });
+  withInfo<char*>(easy, CURLINFO_CONTENT_TYPE, [&](char* type) {
+    // One per thread: harvest runs on the engine's loop.
+    thread_local Orb::String lastType;
+    lastType = sharedText(type, lastType);
+    response.contentTypeIs(lastType);
+  });
 
   const Orb::Ptr<RequestTimer> timer = response.timerIs();
   withInfo<double>(easy, CURLINFO_TOTAL_TIME, [&](double t) { (void)timer->totalInc(t); });

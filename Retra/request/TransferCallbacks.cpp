@@ -7,12 +7,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "Orb/Ptr.h"
 #include "Orb/String.h"
 #include "Retra/internal/LibTrace.h"
 #include "Retra/model/Response.h"
 #include "Retra/request/CurlCallbackData.h"
+#include "Retra/request/HeaderFieldCache.h"
 
 namespace Retra {
 
@@ -22,12 +24,40 @@ namespace {
 // f, f+1, f+2, ... that are white space, f being the value's first character. A single blank
 // skips one; a tab skips five (codes 9 to 13); a second blank is kept. The skip never runs past
 // the value's end.
-size_t leadingSkip(const char* value) {
+size_t leadingSkip(std::string_view value) {
   const int first = static_cast<signed char>(value[0]);
   size_t skip = 0;
   while (std::isspace(first + static_cast<int>(skip))) ++skip;
-  const size_t length = std::strlen(value);
-  return skip < length ? skip : length;
+  return skip < value.size() ? skip : value.size();
+}
+
+// A header line split as the text up to its first NUL reads: the name is the first run of
+// characters other than a colon (leading colons skipped), the value the first run of characters
+// other than CR and LF after the colon that ends the name. Both must be non-empty; later colons
+// stay in the value. Parsed in place: no copy of the line.
+struct HeaderField {
+  std::string_view name;
+  std::string_view value;
+};
+bool isLineEnd(char c) {
+  return c == '\r' || c == '\n';
+}
+// Plain loops: the library's find_first_of / find_first_not_of call memchr once per character.
+bool headerFieldOf(std::string_view line, HeaderField& field) {
+  const char* p = line.data();
+  const char* const end = p + line.size();
+  while (p != end && *p == ':') ++p;
+  const char* const name = p;
+  while (p != end && *p != ':') ++p;
+  if (p == name || p == end) return false;
+  field.name = std::string_view(name, size_t(p - name));
+  ++p;
+  while (p != end && isLineEnd(*p)) ++p;
+  const char* const value = p;
+  while (p != end && !isLineEnd(*p)) ++p;
+  if (p == value) return false;
+  field.value = std::string_view(value, size_t(p - value));
+  return true;
 }
 
 // Whether a client's reactor has torn the transfer down from inside one of its callbacks: the
@@ -52,20 +82,17 @@ size_t curlHeaderCB(void* buffer, size_t size, size_t nitems, void* userdata) {
   const Orb::Ptr<Response> response(cd->response);
   if (response->requestState() == stateFinished) return 0;
   const size_t n = size * nitems;
-  char* line = strndup(static_cast<const char*>(buffer), n);
+  const char* text = static_cast<const char*>(buffer);
+  const std::string_view line(text, strnlen(text, n));
   response->requestStateIs(stateRecvHeader);
-  if (tornDown(*cd)) {
-    std::free(line);
-    return 0;
-  }
-  if (line) {
-    // Everything before the first colon is the name, the rest of the line up to CR or LF the
-    // value; later colons stay in the value.
-    const char* name = std::strtok(line, ":");
-    const char* value = std::strtok(nullptr, "\r\n");
-    if (name && value)
-      response->headerIs(Orb::String(name), Orb::String(value + leadingSkip(value)));
-    std::free(line);
+  if (tornDown(*cd)) return 0;
+  HeaderField field;
+  if (headerFieldOf(line, field)) {
+    // One cache per thread: the callbacks of one engine all run on its loop's thread.
+    thread_local HeaderFieldCache cache;
+    const std::string_view value = field.value.substr(leadingSkip(field.value));
+    auto [name, shared] = cache.field(field.name, value);
+    response->headerIs(name, shared);
   }
   return n;
 }

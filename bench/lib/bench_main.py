@@ -5,6 +5,7 @@ bench/run builds the programs and calls this; see bench/README.md.
 """
 
 import argparse
+import ctypes
 import datetime
 import json
 import os
@@ -39,6 +40,20 @@ def commit(source_dir):
                               capture_output=True, text=True, check=True).stdout.strip()
     except (OSError, subprocess.CalledProcessError):
         return "unknown"
+
+
+def libcurl_version(program):
+    """The version of the libcurl `program` runs with, as libcurl names itself."""
+    try:
+        linked = subprocess.run(["ldd", program], capture_output=True, text=True,
+                                check=True).stdout
+        path = next(line.split("=>")[1].split()[0] for line in linked.splitlines()
+                    if "libcurl" in line and "=>" in line)
+        lib = ctypes.CDLL(path)
+        lib.curl_version.restype = ctypes.c_char_p
+        return lib.curl_version().decode().split()[0]
+    except (OSError, subprocess.CalledProcessError, StopIteration, IndexError):
+        return "libcurl unknown"
 
 
 def micro(program, min_time):
@@ -97,9 +112,10 @@ def main():
 
     source_dir = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
     print()
-    print("Retra against plain libcurl, %s, %s, commit %s, %s run (%d counted runs, %.0f s "
+    print("Retra against plain libcurl, %s, %s, %s, commit %s, %s run (%d counted runs, %.0f s "
           "budget per case), took %d s" % (
-              started.strftime("%Y-%m-%d %H:%M"), machine(), commit(source_dir),
+              libcurl_version(baseline), started.strftime("%Y-%m-%d %H:%M"), machine(),
+              commit(source_dir),
               "quick" if args.quick else "full", settings.runs, settings.budget,
               elapsed.total_seconds()))
     print("Medians; wall and rss from outside the process, figures from its own JSON line.")

@@ -5,7 +5,8 @@
 3. One 10 MiB body kept in memory (the library grows it one chunk at a time by design).
 4. Scaling: small GETs at three counts; time to finish, CPU per request, ratio of the largest
    to the middle count.
-5. Memory: peak RSS per kept response (--keep) between a small and a large count.
+5. Memory: peak RSS per kept response (--keep) between a small and a large count, both programs
+   writing all requests at once.
 """
 
 import os
@@ -21,8 +22,8 @@ SMALL_FILE = "/1k.bin"
 MEDIUM_FILE = "/10m.bin"
 LARGE_FILE = "/large.bin"
 
-# The baseline's window in the scaling and memory rows: how many easy handles it keeps in its
-# multi handle at a time (libcurl's per-handle costs grow with the handles in the multi handle).
+# The baseline's window in the scaling rows: how many easy handles it keeps in its multi handle
+# at a time (libcurl before 8 walks its waiting handles on every removal).
 WINDOW = 400
 
 
@@ -79,9 +80,9 @@ def build_cases(library, baseline, server, out_dir, sizes, baseline_at_scale):
             argv(baseline, SMALL_FILE, count, *small, "--window", str(WINDOW)))
     for count in sizes.memory:
         cases["keep-%d" % count] = Case(
-            "5. %d kept (B: --window %d)" % (count, WINDOW),
+            "5. %d kept, all at once" % count,
             argv(library, SMALL_FILE, count, *small, "--keep"),
-            argv(baseline, SMALL_FILE, count, *small, "--keep", "--window", str(WINDOW)))
+            argv(baseline, SMALL_FILE, count, *small, "--keep"))
     return cases
 
 
@@ -119,9 +120,9 @@ def figures(results, sizes):
         notes["get"] = "req/s A %.0f  B %.0f" % (get.a.reported("requests_per_second"),
                                                 get.b.reported("requests_per_second"))
     targets.append(Target("1. wall time A/B", ratio(get.a.wall(), get.b.wall()) if get.a.ok and
-                          get.b.ok else None, 1.15, True))
+                          get.b.ok else None, 1.20, True))
     targets.append(Target("1. CPU time A/B", ratio(get.a.cpu(), get.b.cpu()) if get.a.ok and
-                          get.b.ok else None, 1.3, True))
+                          get.b.ok else None, 1.35, True))
 
     for key, target in (("file", True), ("memory", False)):
         r = results[key]
@@ -151,7 +152,7 @@ def figures(results, sizes):
     if lib_mid and lib_big and lib_mid.ok and lib_big.ok:
         scale_ratio = lib_big.reported("seconds") / lib_mid.reported("seconds")
     targets.append(Target("4. library time %dk/%dk" % (largest // 1000, middle // 1000),
-                          scale_ratio, (largest / middle) * 1.2, True))
+                          scale_ratio, (largest / middle) * 1.1, True))
     win_mid = results.get("window-%d" % middle)
     win_big = results.get("window-%d" % largest)
     if win_mid and win_big and win_mid.b.ok and win_big.b.ok:
@@ -174,7 +175,10 @@ def figures(results, sizes):
     notes["keep-%d" % large] = "KiB/response peak A %s  B %s; at the end A %s  B %s" % (
         fmt(per_response.get("a"), "%.2f"), fmt(per_response.get("b"), "%.2f"),
         fmt(retained.get("a"), "%.2f"), fmt(retained.get("b"), "%.2f"))
-    targets.append(Target("5. KiB per kept response (A)", per_response.get("a"), 8, True))
+    above = None
+    if "a" in per_response and "b" in per_response:
+        above = per_response["a"] - per_response["b"]
+    targets.append(Target("5. peak KiB per response, A - B", above, 8, True))
     return notes, targets
 
 

@@ -138,7 +138,9 @@ void RetraBenchHost::loop() {
 // the request. Done between turns, never inside a notification.
 void RetraBenchHost::takeFinished() {
   const Orb::Ptr<Retra::RequestDir> requests = root_->retraRequest();
-  std::vector<Outcome> finished;
+  // Both vectors keep their capacity from turn to turn.
+  std::vector<Outcome>& finished = finishedTaken_;
+  finished.clear();
   finished.swap(finishedQueue_);
   for (const Outcome& outcome : finished) {
     tally_.record(outcome);

@@ -54,6 +54,7 @@ class RetraBenchHost {
   std::vector<Retra::RequestKey> keys_;
   std::vector<Orb::Ptr<ResponseWatch>> watches_;
   std::vector<Outcome> finishedQueue_;  // finished, not yet checked
+  std::vector<Outcome> finishedTaken_;  // being checked
   size_t finishedCount_ = 0;
   double firstWrite_ = 0;
   double lastFinish_ = 0;

@@ -172,15 +172,18 @@
     ::Orb::memberDelAll(*this, name##_, &NotifieeConst::onName, &NotifieeConst::onNameImmediate, \
                         &NotifieeConst::onName);                                                 \
   }
-#define ORB_ENTITY_ACCESSORS_CHILD(name, Type, nameIs, nameDel, onName)               \
-  [[nodiscard]] ::Orb::Ptr<Type> name() const noexcept {                              \
-    return name##_;                                                                   \
-  }                                                                                   \
-  ::Orb::Ptr<Type> nameIs() {                                                         \
-    return ::Orb::childIs(*this, name##_, Attr::name, #name, &NotifieeConst::onName); \
-  }                                                                                   \
-  ::Orb::Ptr<Type> nameDel() {                                                        \
-    return ::Orb::childDel(*this, name##_, &NotifieeConst::onName);                   \
+#define ORB_ENTITY_ACCESSORS_CHILD(name, Type, nameIs, nameDel, onName)                   \
+  [[nodiscard]] ::Orb::Ptr<Type> name() const noexcept {                                  \
+    return name##_;                                                                       \
+  }                                                                                       \
+  ::Orb::Ptr<Type> nameIs() {                                                             \
+    if (name##_) return name##_;                                                          \
+    /* One name per thread for every child of the attribute: no allocation per child. */  \
+    thread_local const ::Orb::Name childName(#name);                                      \
+    return ::Orb::childIs(*this, name##_, Attr::name, childName, &NotifieeConst::onName); \
+  }                                                                                       \
+  ::Orb::Ptr<Type> nameDel() {                                                            \
+    return ::Orb::childDel(*this, name##_, &NotifieeConst::onName);                       \
   }
 
 // -- Entity members (private section of the entity) ----------------------------------------------
@@ -357,10 +360,10 @@ void memberDelAll(const Owner& entity, HashMap<K, V>& map, void (N::*onMember)(P
 
 // Child entities; see CHILD above.
 template <class C, class N>
-Ptr<C> childIs(Entity& parent, Ptr<C>& slot, AttributeId attr, const char* name,
+Ptr<C> childIs(Entity& parent, Ptr<C>& slot, AttributeId attr, const Name& name,
                void (N::*onChild)()) {
   if (slot) return slot;
-  Ptr<C> child = allocate<C>(Name(name));
+  Ptr<C> child = allocate<C>(name);
   child->parentIs(&parent);
   child->parentAttrIdIs(attr);
   slot = child;

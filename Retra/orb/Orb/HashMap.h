@@ -31,6 +31,19 @@ struct KeyHasher {
   size_t operator()(const K& key) const noexcept { return keyHash(key); }
 };
 
+}  // namespace Orb
+
+#if defined(__GLIBCXX__)
+// libstdc++ keeps each node's hash only for hashers it deems slow, and takes a noexcept custom
+// hasher for a fast one. Without the kept hash every look-up rehashes the keys it walks past,
+// reading each key's string buffer: with many members that is a cache miss per node. Keeping
+// the hash costs 8 bytes a node and compares keys only when the hashes match.
+template <class K>
+struct std::__is_fast_hash<Orb::KeyHasher<K>> : std::false_type {};
+#endif
+
+namespace Orb {
+
 // The framework's keyed collection: a hash map whose hashing calls the key's own `hash()`.
 // Find, insert, replace, delete and iteration are those of `std::unordered_map`.
 template <class K, class V>

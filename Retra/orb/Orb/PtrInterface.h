@@ -9,7 +9,15 @@ namespace Orb {
 // pointers to one object); when off, they are plain loads and stores. Off by default: the
 // activity loop is single-threaded.
 void threadSafePointersIs(bool on);
-[[nodiscard]] bool threadSafePointers();
+
+namespace internal {
+// The switch itself; read inline, since every reference change asks it.
+inline std::atomic<bool> threadSafePointersOn{false};
+}  // namespace internal
+
+[[nodiscard]] inline bool threadSafePointers() {
+  return internal::threadSafePointersOn.load(std::memory_order_acquire);
+}
 
 // Base of every reference-counted object. The count starts at zero; `Ptr` takes and drops
 // references, and `handleZeroRef()` runs when the last one goes (by default it deletes).
@@ -21,8 +29,24 @@ class PtrInterface {
   PtrInterface& operator=(const PtrInterface&) { return *this; }
 
   [[nodiscard]] uint32_t references() const { return refs_.load(std::memory_order_relaxed); }
-  void newRef() const;
-  void deleteRef() const;
+  // Inline: counted pointers change counts all the time, and the plain case is two moves.
+  void newRef() const {
+    if (internal::threadSafePointersOn.load(std::memory_order_relaxed)) {
+      refs_.fetch_add(1, std::memory_order_relaxed);
+    } else {
+      refs_.store(refs_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
+  }
+  void deleteRef() const {
+    uint32_t left;
+    if (internal::threadSafePointersOn.load(std::memory_order_relaxed)) {
+      left = refs_.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    } else {
+      left = refs_.load(std::memory_order_relaxed) - 1;
+      refs_.store(left, std::memory_order_relaxed);
+    }
+    if (left == 0) handleZeroRef();
+  }
 
  protected:
   virtual ~PtrInterface() = default;

@@ -9,65 +9,25 @@
 
 namespace Orb {
 
-// Shared buffer: count, length, the hash once computed, then the bytes and a NUL.
-struct String::Rep {
-  // Marks `hashCache` as holding the hash in its low 32 bits.
-  static constexpr uint64_t kHashKnown = uint64_t(1) << 32;
+String::Rep* String::Rep::make(const char* bytes, size_t length, size_t copied) {
+  void* memory = std::malloc(offsetof(Rep, data) + length + 1);
+  if (!memory) throw std::bad_alloc();
+  Rep* rep = new (memory) Rep;
+  rep->refs.store(1, std::memory_order_relaxed);
+  rep->hashCache.store(0, std::memory_order_relaxed);
+  rep->length = length;
+  if (copied) std::memcpy(rep->data, bytes, copied);
+  rep->data[length] = '\0';
+  return rep;
+}
 
-  std::atomic<uint32_t> refs;
-  // Keys are hashed on every look-up; the bytes never change, so the hash is kept. Relaxed
-  // atomics: threads sharing a buffer at worst compute the same value twice.
-  std::atomic<uint64_t> hashCache;
-  size_t length;
-  char data[1];
-
-  // A buffer of `length` bytes: the first `copied` from `bytes`, the rest left for the caller.
-  static Rep* make(const char* bytes, size_t length, size_t copied) {
-    void* memory = std::malloc(offsetof(Rep, data) + length + 1);
-    if (!memory) throw std::bad_alloc();
-    Rep* rep = new (memory) Rep;
-    rep->refs.store(1, std::memory_order_relaxed);
-    rep->hashCache.store(0, std::memory_order_relaxed);
-    rep->length = length;
-    if (copied) std::memcpy(rep->data, bytes, copied);
-    rep->data[length] = '\0';
-    return rep;
-  }
-  static Rep* make(const char* bytes, size_t length) { return make(bytes, length, length); }
-
-  void newRef() {
-    if (threadSafePointers()) {
-      refs.fetch_add(1, std::memory_order_relaxed);
-    } else {
-      refs.store(refs.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    }
-  }
-
-  void deleteRef() {
-    uint32_t left;
-    if (threadSafePointers()) {
-      left = refs.fetch_sub(1, std::memory_order_acq_rel) - 1;
-    } else {
-      left = refs.load(std::memory_order_relaxed) - 1;
-      refs.store(left, std::memory_order_relaxed);
-    }
-    if (left == 0) {
-      this->~Rep();
-      std::free(this);
-    }
-  }
-};
+void String::Rep::release(Rep* rep) noexcept {
+  rep->~Rep();
+  std::free(rep);
+}
 
 String::String(const char* data, size_t length) {
   if (length) rep_ = Rep::make(data, length);
-}
-
-String::String(const String& o) noexcept : rep_(o.rep_) {
-  if (rep_) rep_->newRef();
-}
-
-String::~String() {
-  if (rep_) rep_->deleteRef();
 }
 
 String& String::operator=(const String& o) noexcept {
@@ -85,10 +45,6 @@ String& String::operator=(String&& o) noexcept {
   }
   return *this;
 }
-
-const char* String::charPtr() const noexcept { return rep_ ? rep_->data : ""; }
-
-size_t String::size() const noexcept { return rep_ ? rep_->length : 0; }
 
 uint32_t String::hash() const noexcept {
   if (!rep_) return hashBytes("", 0);
@@ -114,7 +70,9 @@ std::ostream& operator<<(std::ostream& out, const String& s) {
 }
 
 namespace {
-inline uint32_t rotl(uint32_t x, int r) { return (x << r) | (x >> (32 - r)); }
+inline uint32_t rotl(uint32_t x, int r) {
+  return (x << r) | (x >> (32 - r));
+}
 inline uint32_t fmix(uint32_t h) {
   h ^= h >> 16;
   h *= 0x85ebca6b;

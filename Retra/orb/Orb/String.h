@@ -1,11 +1,14 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <functional>
 #include <iosfwd>
 #include <string>
 #include <string_view>
+
+#include "Orb/PtrInterface.h"
 
 namespace Orb {
 
@@ -22,16 +25,20 @@ class String {
   String(std::string_view text) : String(text.data(), text.size()) {}
   String(const std::string& text) : String(text.data(), text.size()) {}
   String(const_iterator begin, const_iterator end) : String(begin, size_t(end - begin)) {}
-  String(const String& o) noexcept;
+  String(const String& o) noexcept : rep_(o.rep_) {
+    if (rep_) rep_->newRef();
+  }
   String(String&& o) noexcept : rep_(o.rep_) { o.rep_ = nullptr; }
-  ~String();
+  ~String() {
+    if (rep_) rep_->deleteRef();
+  }
 
   String& operator=(const String& o) noexcept;
   String& operator=(String&& o) noexcept;
   String& operator=(const char* text) { return *this = String(text); }
 
-  [[nodiscard]] const char* charPtr() const noexcept;
-  [[nodiscard]] size_t size() const noexcept;
+  [[nodiscard]] const char* charPtr() const noexcept { return rep_ ? rep_->data : ""; }
+  [[nodiscard]] size_t size() const noexcept { return rep_ ? rep_->length : 0; }
   [[nodiscard]] bool empty() const noexcept { return size() == 0; }
   [[nodiscard]] std::string_view view() const noexcept { return {charPtr(), size()}; }
   [[nodiscard]] std::string str() const { return std::string(view()); }
@@ -59,7 +66,44 @@ class String {
   }
 
  private:
-  struct Rep;
+  // Shared buffer: count, length, the hash once computed, then the bytes and a NUL. Defined
+  // here so that copies, destruction and the accessors inline: strings are copied everywhere.
+  struct Rep {
+    // Marks `hashCache` as holding the hash in its low 32 bits.
+    static constexpr uint64_t kHashKnown = uint64_t(1) << 32;
+
+    std::atomic<uint32_t> refs;
+    // Keys are hashed on every look-up; the bytes never change, so the hash is kept. Relaxed
+    // atomics: threads sharing a buffer at worst compute the same value twice.
+    std::atomic<uint64_t> hashCache;
+    size_t length;
+    char data[1];
+
+    // A buffer of `length` bytes: the first `copied` from `bytes`, the rest left for the
+    // caller.
+    static Rep* make(const char* bytes, size_t length, size_t copied);
+    static Rep* make(const char* bytes, size_t length) { return make(bytes, length, length); }
+
+    void newRef() noexcept {
+      if (threadSafePointers()) {
+        refs.fetch_add(1, std::memory_order_relaxed);
+      } else {
+        refs.store(refs.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+      }
+    }
+    void deleteRef() noexcept {
+      uint32_t left;
+      if (threadSafePointers()) {
+        left = refs.fetch_sub(1, std::memory_order_acq_rel) - 1;
+      } else {
+        left = refs.load(std::memory_order_relaxed) - 1;
+        refs.store(left, std::memory_order_relaxed);
+      }
+      if (left == 0) release(this);
+    }
+    // Frees the buffer once the last reference has gone.
+    static void release(Rep* rep) noexcept;
+  };
   Rep* rep_ = nullptr;
 };
 
