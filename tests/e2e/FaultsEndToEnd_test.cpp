@@ -1,6 +1,5 @@
-// Servers that refuse, stall, drip, cut the body short, send no HTTP, oversized or unusual
-// headers or endless redirects, and a name server that never answers: what the library makes of
-// each.
+// Servers that refuse, reset, stall, drip, cut the body short, send no HTTP, oversized or
+// unusual headers or endless redirects: what the library makes of each.
 
 #include <curl/curl.h>
 #include <gtest/gtest.h>
@@ -11,8 +10,6 @@
 #include <cstdlib>
 #include <string>
 
-#include "Dnsr/ResolutionError.h"
-#include "dnsr/support/Dnsmasq.h"
 #include "engine/support/EngineFixture.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/TimeScale.h"
@@ -224,43 +221,6 @@ TEST_F(FaultFetchTest, RedirectChainsAreFollowedUpToSixtyFour) {
   EXPECT_EQ(overLimit->counter()->numRedirect(), 64u);
   EXPECT_EQ(overLimit->effectiveUrl(), server_.url("/countdown?left=1"));
   EXPECT_EQ(server_.requests().size(), 65u + 65u);  // the 66th answer was never asked for
-}
-
-// A name server that takes queries and never answers: the resolver gives up after its time-out
-// and tries (one second, once, set the way a host would, through RES_OPTIONS), and the request
-// ends with the library's DNS error without a connection being made.
-class SilentNameServerTest : public EngineTest::RootFixture {
- protected:
-  void SetUp() override {
-    // c-ares 1.18 reads "retrans:" (milliseconds) and "retry:", other releases "timeout:" and
-    // "attempts:": one second and one try, whichever it reads.
-    ::setenv("RES_OPTIONS", "timeout:1 attempts:1 retrans:1000 retry:1", 1);
-    rootIs(silent_.server());
-  }
-  void TearDown() override {
-    RootFixture::TearDown();
-    ::unsetenv("RES_OPTIONS");
-  }
-
-  DnsrTest::SilentServer silent_;
-  LoopbackHttpServer server_;
-};
-
-TEST_F(SilentNameServerTest, UnansweredLookUpEndsInDnsLookupError) {
-  Orb::Ptr<Response> r =
-      fetch(request("http://quiet.test:" + std::to_string(server_.port()) + "/"));
-
-  EXPECT_EQ(r->lastError(), Retra::errDnsLookup);
-  EXPECT_EQ(r->requestState(), Retra::stateFinished);
-  EXPECT_EQ(r->statusCode(), 0);
-  EXPECT_TRUE(r->ipAddress().empty());
-  EXPECT_EQ(r->counter()->numConnect(), 0u);
-  EXPECT_GE(silent_.queriesReceived(), 1u);
-  EXPECT_EQ(server_.connections(), 0u);
-  auto record = root_->dnsrRecord()->record(Orb::Name("quiet.test"));
-  ASSERT_TRUE(record);
-  EXPECT_FALSE(record->valid());
-  EXPECT_EQ(record->lastError(), Dnsr::errTimeout);
 }
 
 }  // namespace
