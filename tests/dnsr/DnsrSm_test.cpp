@@ -17,27 +17,25 @@ using DnsrTest::SilentServer;
 using DnsrSmTest = DnsrTest::ResolverTest;  // a dnsmasq that will not start fails the test
 
 const char* const zone =
-    "192.0.2.10 both.test\n2001:db8::10 both.test\n192.0.2.20 v4only.test\n"
-    "2001:db8::30 v6only.test\n192.0.2.41 many.test\n192.0.2.42 many.test\n"
+    "192.0.2.10 both.test\n2001:db8::10 both.test\n192.0.2.41 many.test\n192.0.2.42 many.test\n"
     "2001:db8::41 many.test\n2001:db8::42 many.test\n";
 
-// Runs `react` on each change of a record's validity.
-class ValidWatch : public Dnsr::ResolutionRecord::NotifieeConst {
+// Counts the changes of a record's validity and error, which users of the record act on, and
+// runs `react` on each change of its validity.
+class Watch : public Dnsr::ResolutionRecord::NotifieeConst {
  public:
-  std::function<void()> react;
-  void onValid() override { react(); }
+  std::function<void()> react = [] {};
+  int changes = 0;
+  void onValid() override { ++changes, react(); }
+  void onLastError() override { ++changes; }
 };
 
 TEST_F(DnsrSmTest, HostsResolveToWhatTheyHaveOrFailWithTheReasonAndAddressesComeFirst) {
   Dnsmasq dns(zone);
   serviceIs(dns.server());
-  const std::string badName = std::string(64, 'x') + ".test";  // labels are at most 63 bytes
-  requests_->requestIs(badName, 1);
-  for (const char* host :
-       {"both.test", "v4only.test", "v6only.test", "many.test", "nosuch.test", "elsewhere.invalid"})
-    requests_->requestIs(host, 1);
+  for (const char* host : {"both.test", "many.test", "nosuch.test"}) requests_->requestIs(host, 1);
   std::string seenAtValid;
-  auto watch = Orb::allocate<ValidWatch>();
+  auto watch = Orb::allocate<Watch>();
   watch->react = [&] { seenAtValid = state("both.test"); };
   watch->notifierIs(records_->record("both.test"));
   ASSERT_TRUE(runUntil([&] {
@@ -46,21 +44,9 @@ TEST_F(DnsrSmTest, HostsResolveToWhatTheyHaveOrFailWithTheReasonAndAddressesCome
     });
   })) << dns.log();
   EXPECT_EQ(seenAtValid, "valid errNone 192.0.2.10 2001:db8::10");
-  EXPECT_EQ(state("v4only.test"), "valid errNone 192.0.2.20");
-  EXPECT_EQ(state("v6only.test"), "valid errNone 2001:db8::30");
   EXPECT_EQ(state("many.test"), "valid errNone 192.0.2.41 192.0.2.42 2001:db8::41 2001:db8::42");
   EXPECT_EQ(state("nosuch.test"), "invalid errNoSuchName");
-  EXPECT_EQ(state("elsewhere.invalid"), "invalid errRefused");  // dnsmasq has no upstream
-  EXPECT_EQ(state(badName), "invalid errBadName");
 }
-
-// Counts the changes of a record's validity and error, which users of the record act on.
-class OutcomeWatch : public Dnsr::ResolutionRecord::NotifieeConst {
- public:
-  int changes = 0;
-  void onValid() override { ++changes; }
-  void onLastError() override { ++changes; }
-};
 
 // The first server never answers: each query is passed on to the next.
 TEST_F(DnsrSmTest, RefreshFollowsChangedAnswersAndFailedOnesOnlyReportAsRefreshErrors) {
@@ -70,22 +56,16 @@ TEST_F(DnsrSmTest, RefreshFollowsChangedAnswersAndFailedOnesOnlyReportAsRefreshE
   requests_->requestIs("both.test", 1);
   ASSERT_TRUE(runUntil([&] { return state("both.test").starts_with("valid"); }));
   auto record = records_->record("both.test");
-  auto watch = Orb::allocate<OutcomeWatch>();
+  auto watch = Orb::allocate<Watch>();
   watch->notifierIs(record);
   dns.hostsIs("192.0.2.11 both.test\n");
   ASSERT_TRUE(runUntil([&] { return state("both.test") == "valid errNone 192.0.2.11"; }));
   dns.hostsIs("192.0.2.20 v4only.test\n");  // both.test is gone: NXDOMAIN
   ASSERT_TRUE(runUntil([&] { return record->lastRefreshError() == Dnsr::errNoSuchName; }));
   EXPECT_EQ(state("both.test"), "valid errNone 192.0.2.11");
-  dns.hostsIs(zone);
-  ASSERT_TRUE(
-      runUntil([&] { return state("both.test") == "valid errNone 192.0.2.10 2001:db8::10"; }));
-  EXPECT_EQ(record->lastRefreshError(), unsigned(Dnsr::errNone));
-  const Orb::Seconds failedBefore = record->lastRefreshErrorTime();
   dns.stop();  // the servers go away: the record stands as it was
-  ASSERT_TRUE(runUntil([&] { return record->lastRefreshError() != Dnsr::errNone; }));
-  EXPECT_EQ(state("both.test"), "valid errNone 192.0.2.10 2001:db8::10");
-  EXPECT_GT(record->lastRefreshErrorTime(), failedBefore);
+  ASSERT_TRUE(runUntil([&] { return record->lastRefreshError() != Dnsr::errNoSuchName; }));
+  EXPECT_EQ(state("both.test"), "valid errNone 192.0.2.11");
   EXPECT_EQ(watch->changes, 0);
   EXPECT_GT(silent.queriesReceived(), 0u);
 }
@@ -121,24 +101,6 @@ TEST_F(DnsrSmTest, LiteralsNeedNoServerASilentOneTimesOutAndWithdrawalsCancelLoo
   ASSERT_TRUE(runUntil([&] { return service_->socketWatches() > 0; }));  // retried after the floor
   service_ = nullptr;  // mid look-up: its record stays, and TearDown checks the handles
   EXPECT_EQ(state("left.test"), "invalid errTimeout");
-}
-
-TEST_F(DnsrSmTest, NotificationOffPausesTheServiceAndAnObserverMayDropIt) {
-  Dnsmasq dns(zone);
-  serviceIs(dns.server());
-  requests_->requestIs("both.test", 1);
-  service_->hasNotificationActiveIs(false);
-  requests_->requestIs("v4only.test", 1);
-  (void)runUntil([] { return false; }, 0.3);
-  EXPECT_EQ(state("v4only.test"), "none");           // not followed while off
-  EXPECT_EQ(state("both.test"), "invalid errNone");  // its answer waits too
-  auto watch = Orb::allocate<ValidWatch>();
-  watch->react = [&] { service_ = nullptr; };
-  watch->notifierIs(records_->record("both.test"));
-  service_->hasNotificationActiveIs(true);
-  EXPECT_EQ(state("v4only.test"), "invalid errNone");  // caught up at once
-  ASSERT_TRUE(runUntil([&] { return !service_; }));
-  EXPECT_EQ(state("both.test"), "valid errNone 192.0.2.10 2001:db8::10");
 }
 
 }  // namespace
