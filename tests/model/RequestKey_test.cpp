@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "Orb/AttrLog.h"
 #include "Orb/Attribute.h"
 #include "orb/support/OrbTest.h"
 
@@ -15,9 +14,7 @@ TEST(RequestKeyTest, OnlyTheDefaultKeyIsNullAndKeysHashAndOrderByMethodThenUri) 
   EXPECT_FALSE(!RequestKey(Retra::GET, "") || !RequestKey(Retra::OPTIONS, "http://127.0.0.1/"));
   Orb::String uri("http://127.0.0.1:8080/index.html");
   RequestKey get(Retra::GET, uri), put(Retra::PUT, uri);
-  EXPECT_EQ(put.hash(), uri.hash() ^ Retra::PUT);
-  EXPECT_FALSE(get == put);
-  EXPECT_TRUE(get == RequestKey(Retra::GET, Orb::String(uri.str())));  // by content
+  EXPECT_TRUE(!(get == put) && get == RequestKey(Retra::GET, Orb::String(uri.str())));
   EXPECT_TRUE(RequestKey(Retra::GET, "http://z/") < RequestKey(Retra::HEAD, "http://a/"));
   EXPECT_TRUE(RequestKey(Retra::GET, "http://a/") < RequestKey(Retra::GET, "http://z/"));
 }
@@ -37,12 +34,6 @@ TEST(RequestKeyTest, ValueFormRoundTripsAndMalformedFormsNameTheirFault) {
     EXPECT_CONTAINS(OrbTest::parseFailure([&] { (void)Orb::valueFromStrep<RequestKey>(bad); }),
                     fragment);
   }
-  const std::string_view method9("\x07\x02\x06\x09\x05\x00", 6);
-  EXPECT_CONTAINS(OrbTest::parseFailure([&] {
-                    Orb::AttrLogIn bad(method9);
-                    RequestKey{bad};
-                  }),
-                  "no enumerator numbered 9");
 }
 
 }  // namespace

@@ -1,9 +1,7 @@
 #include "Orb/FileDescriptor.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 
 #include <functional>
 #include <stdexcept>
@@ -38,58 +36,25 @@ class FileDescriptorTest : public OrbTest::LoopTest {
   OrbTest::SocketPair pair;
 };
 
-TEST_F(FileDescriptorTest, ReportsWhatIsWatchedAndReadyOnALoopbackConnection) {
-  int listener = ::socket(AF_INET, SOCK_STREAM, 0), client = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-  socklen_t length = sizeof address;
-  auto* any = reinterpret_cast<sockaddr*>(&address);
-  ASSERT_EQ(::bind(listener, any, length) | ::listen(listener, 1), 0);
-  ASSERT_EQ(::getsockname(listener, any, &length) | ::connect(client, any, length), 0);
-  for (int& end : pair.fd) ::close(end);
-  pair.fd[0] = ::accept(listener, nullptr, nullptr);  // both closed with the pair
-  pair.fd[1] = client;
-  ::close(listener);
-
+TEST_F(FileDescriptorTest, WatchingMakesNonBlockingAndReportsEachReadinessUntilDrained) {
   auto fd = newDescriptor(pair.fd[0]);
-  EXPECT_TRUE(::fcntl(pair.fd[0], F_GETFL) & O_NONBLOCK);  // watching makes it non-blocking
-  fd->notifyOnWritableIs(true);
-  EXPECT_TRUE(runUntil([&] { return fd->writableCount() > 0; }));  // writable at once
-  fd->notifyOnWritableIs(false);
-  runTurns();
-  const uint64_t writable = fd->writableCount();
-  EXPECT_EQ(fd->readableCount(), 0u);             // nothing sent yet
-  ASSERT_EQ(::send(client, "!", 1, MSG_OOB), 1);  // urgent data is an exceptional condition
-  EXPECT_TRUE(runUntil([&] { return fd->exceptionPendingCount() > 0; }));
-  char bytes[2];
-  EXPECT_EQ(::recv(pair.fd[0], bytes, 1, MSG_OOB), 1);
-  EXPECT_EQ(::send(client, "x", 1, 0), 1);
+  EXPECT_TRUE(::fcntl(pair.fd[0], F_GETFL) & O_NONBLOCK);
+  EXPECT_EQ(::write(pair.fd[1], "x", 1), 1);
   EXPECT_TRUE(runUntil([&] { return fd->readableCount() > 0; }));
-  EXPECT_EQ(::recv(pair.fd[0], bytes, 2, 0), 1);
+  char byte;
+  EXPECT_EQ(::read(pair.fd[0], &byte, 1), 1);
   runTurns();
   const uint64_t drained = fd->readableCount();
   runTurns();
-  EXPECT_EQ(fd->readableCount(), drained);
-  EXPECT_EQ(fd->writableCount(), writable);
-  ::shutdown(client, SHUT_WR);  // the peer closing is readable: the next read sees end of file
-  EXPECT_TRUE(runUntil([&] { return fd->readableCount() > drained; }));
+  EXPECT_EQ(fd->readableCount(), drained);  // drained: not reported again
 }
 
-TEST_F(FileDescriptorTest, WatchMovesWithTheDescriptorAndToANewerWatcher) {
-  OrbTest::SocketPair other;
-  auto fd = newDescriptor(pair.fd[0]);
-  fd->descriptorIs(other.fd[0]);
-  EXPECT_EQ(::write(pair.fd[1], "x", 1), 1);
-  runTurns();
-  EXPECT_EQ(fd->readableCount(), 0u);  // the first pair's data is not ours any more
-  auto newer = newDescriptor(other.fd[0]);
+TEST_F(FileDescriptorTest, WatchMovesToANewerWatcherOfTheSameDescriptor) {
+  auto fd = newDescriptor(pair.fd[0]), newer = newDescriptor(pair.fd[0]);
   EXPECT_FALSE(fd->isWatching());
-  EXPECT_EQ(::write(other.fd[1], "x", 1), 1);
+  EXPECT_EQ(::write(pair.fd[1], "x", 1), 1);
   EXPECT_TRUE(runUntil([&] { return newer->readableCount() > 0; }));
   EXPECT_EQ(fd->readableCount(), 0u);
-  auto unwatched = Orb::allocate<Orb::FileDescriptor>(Orb::Name());
-  unwatched->descriptorIs(pair.fd[1]);
-  unwatched->nonBlockingIs(true);  // changes the descriptor at once
-  EXPECT_TRUE(::fcntl(pair.fd[1], F_GETFL) & O_NONBLOCK);
 }
 
 TEST_F(FileDescriptorTest, CallbacksMayLeaveDestroyOthersThrowOrDropTheDescriptor) {

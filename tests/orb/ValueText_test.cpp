@@ -2,10 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstring>
 #include <functional>
-#include <limits>
 #include <string>
 #include <tuple>
 
@@ -16,21 +14,17 @@ namespace {
 
 using namespace Orb;
 using Read = std::function<void(const char*&, const char*)>;
-using Limits = std::numeric_limits<double>;
 const EnumDescriptor method("Test::Method", {{"GET", 1}, {"GETALL", 2}, {"HEAD", 3}});
 
 TEST(ValueTextTest, ValuesPrintInTheirTextForm) {
   const std::pair<String, const char*> cases[] = {
-      {valueToStrep(true), "True"},
       {valueToStrep(UINT64_MAX), "18446744073709551615"},
       {valueToStrep(INT64_MIN), "-9223372036854775808"},
       {valueToStrep(uint8_t(255)), "255"},  // a number, not a character
       {valueToStrep(0.1), "0.1"},           // the shortest text that reads back
-      {valueToStrep(-Limits::quiet_NaN()), "nan"},
-      {valueToStrep("GET"), "'GET'"},  // a literal is text, not a pointer turned bool
+      {valueToStrep("GET"), "'GET'"},       // a literal is text, not a pointer turned bool
       {valueToStrep(std::string("a\0b", 3)), "'a\\x00b'"},
       {valueToStrep("'\\\n\x7f\xff"), "'\\'\\\\\\n\\x7f\\xff'"},  // escapes keep it printable
-      {format("%s:%d/%05.1f", "host", 443, 2.25), "host:443/002.2"},
   };
   for (const auto& [text, expected] : cases) EXPECT_EQ(text, expected);
   for (size_t n : {255u, 256u, 100000u})  // around the stack buffer, and beyond
@@ -46,7 +40,6 @@ TEST(ValueTextTest, SequencesStopAfterTheirValueAndNamesAfterTheLongestMatch) {
   EXPECT_EQ(sequenceToEnum(it, end, "method", method), 2u);
   EXPECT_EQ(std::string(it, end), "}");
   EXPECT_EQ(stringFromStrep("'\\xFF\\xAb'"), String("\xff\xab"));
-  EXPECT_TRUE(std::isnan(doubleFromStrep("nan")));
 }
 
 TEST(ValueTextTest, BadTextNamesTheAttributeAndWhatWasFound) {
@@ -56,26 +49,17 @@ TEST(ValueTextTest, BadTextNamesTheAttributeAndWhatWasFound) {
   const Read ratio = [](auto& i, auto e) { (void)sequenceToDouble(i, e, "ratio"); };
   const Read secure = [](auto& i, auto e) { (void)sequenceToBool(i, e, "secure"); };
   const Read verb = [](auto& i, auto e) { (void)sequenceToEnum(i, e, "method", method); };
-  const Read value = [](auto& i, auto e) { matchLiteral(i, e, "Value("); };
-  const Read whole = [](auto& i, auto e) { (void)stringFromStrep({i, size_t(e - i)}); };
   const std::tuple<const char*, Read, const char*> cases[] = {
       {"abc", uri, "cannot read attribute 'uri': expected a quoted string but found 'abc'"},
       {"'abc\\'", uri, "cannot read attribute 'uri': missing closing quote"},
       {"'\\q'", uri, "cannot read attribute 'uri': bad escape '\\\\q'"},
       {"'\\x4'", uri, "two hex digits"},
-      {"'\\x41", uri, "missing closing quote"},  // the escape read to the last byte
-      {"'a''b'", whole, "expected end of text but found '\\'b\\''"},
       {"65536", port, "cannot read attribute 'port': 65536 is out of range (at most 65535)"},
       {"-1", port, "attribute 'port': expected a decimal number but found '-1'"},
       {"-129", i8, "cannot read attribute 'offset': -129 is out of range (-128 to 127)"},
-      {"-", i8, "expected a decimal number but found end of text"},
       {"x", ratio, "cannot read attribute 'ratio': expected a number but found 'x'"},
-      {"1e999", ratio, "out of range"},
       {"true", secure, "cannot read attribute 'secure': expected True or False but found 'true'"},
       {"PUT", verb, "cannot read attribute 'method': Test::Method: no enumerator name at 'PUT'"},
-      {"Valve('Retra::RequestKey', **", value,
-       "expected 'Value(' but found 'Valve(\\'Retra::RequestKey'..."},
-      {"", value, "expected 'Value(' but found end of text"},
   };
   for (const auto& [text, read, message] : cases) {
     std::string copy = text;

@@ -20,17 +20,15 @@ namespace ModelTest {
 
 using Log = std::vector<std::string>;
 
-inline std::string text(const Orb::String& s) {
-  return s.str();
-}
-inline std::string text(const Ipkit::IpAddr& a) {
-  return a.str().str();
-}
-inline std::string text(const Ipkit::Ip6Addr& a) {
-  return a.str().str();
-}
-inline std::string text(const Retra::RequestKey& key) {
-  return key.uri().str();
+// A key's or a value's text: a request key by its URI.
+template <class T>
+std::string text(const T& value) {
+  if constexpr (requires { value.uri(); })
+    return value.uri().str();
+  else if constexpr (requires { value.str().str(); })
+    return value.str().str();
+  else
+    return value.str();
 }
 
 struct Recording {

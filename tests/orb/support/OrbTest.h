@@ -36,11 +36,9 @@ std::string parseFailure(F&& read) {
 class Alarm : public Orb::Clock::NotifieeConst {
  public:
   int calls = 0;
-  Orb::Seconds nowDuringCall = 0;
   std::function<void(Alarm&)> action;
   void onTime() override {
     ++calls;
-    nowDuringCall = Orb::System::currentTime();
     if (action) action(*this);
   }
 };
