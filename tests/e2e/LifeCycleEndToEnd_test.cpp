@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -87,7 +88,8 @@ TEST_F(LifeCycleTest, ShutdownWithAThousandTransfersUnderWayLeavesNothingBehind)
   EXPECT_TRUE(engine_->retraResponseReactor().empty());
   EXPECT_FALSE(engine_->initialized());
   EXPECT_EQ(engine_->curlMultiHandle(), nullptr);
-  EXPECT_EQ(trace_.countStartingWith("Shutting down Retra state machine"), 1u);
+  const auto messages = trace_.messages();
+  EXPECT_EQ(std::count(messages.begin(), messages.end(), "Shutting down Retra state machine"), 1);
   // Each transfer was torn down once, without a result: no status, no error, nothing received.
   for (const Orb::Ptr<Response>& r : kept) {
     EXPECT_TRUE(r->finished());

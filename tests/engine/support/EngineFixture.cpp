@@ -33,12 +33,6 @@ std::vector<std::string> TraceCapture::messages() const {
   return messages;
 }
 
-size_t TraceCapture::countStartingWith(const std::string& prefix) const {
-  size_t count = 0;
-  for (const std::string& message : messages()) count += message.starts_with(prefix) ? 1 : 0;
-  return count;
-}
-
 void TraceCapture::clear() {
   out_.str("");
   out_.clear();

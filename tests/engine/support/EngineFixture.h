@@ -27,7 +27,6 @@ class TraceCapture {
 
   // The messages (what follows "<function>: ") written so far, in order.
   [[nodiscard]] std::vector<std::string> messages() const;
-  [[nodiscard]] size_t countStartingWith(const std::string& prefix) const;
   void clear();
 
  private:
