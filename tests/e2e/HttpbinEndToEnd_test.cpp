@@ -54,6 +54,7 @@ TEST_F(HttpbinFetchTest, MethodsBodiesHeadersAndCredentialsGoOutAsRequested) {
   }
   Retra::Request probe = request(httpbin_.url("/headers?probe"));
   probe.headerIs("X-Retra-Probe", "first: value");
+  probe.debugIs(true);  // libcurl's verbose output into the trace
   Retra::Request agent = request(httpbin_.url("/headers?agent"));
   agent.headerIs("User-Agent", "RetraTest/2.0");
   // An empty value leaves the default set, but its line ("User-Agent: ") goes out too, and
@@ -86,6 +87,7 @@ TEST_F(HttpbinFetchTest, MethodsBodiesHeadersAndCredentialsGoOutAsRequested) {
   EXPECT_EQ(jsonString(responses[next]->body(), "User-Agent"), "Mozilla/5.0 Retra/1.0.0");
   EXPECT_EQ(jsonString(responses[next]->body(), "X-Retra-Probe"), "first: value");
   EXPECT_EQ(responses[next]->requestheader("X-Retra-Probe"), "first: value");
+  EXPECT_TRUE(responses[next]->debug());
   EXPECT_EQ(jsonString(responses[next + 1]->body(), "User-Agent"), "RetraTest/2.0");
   EXPECT_EQ(jsonString(responses[next + 2]->body(), "User-Agent"), "<absent>");
   EXPECT_EQ(responses[next + 3]->statusCode(), 200);

@@ -67,7 +67,9 @@ TEST(Ip6AddrTest, TextIsCanonicalAndRoundTripsOthersAreRejectedAndOrderIsByBytes
       {"2001:0:0:1:0:0:0:1", "2001:0:0:1::1"},          // the longest zero run is compressed
       {"2001:db8:0:0:1:0:0:1", "2001:db8::1:0:0:1"},    // the first of two equal ones
       {"::FFFF:7F00:1", "::ffff:127.0.0.1"},
-      {"1:2:3:4:5:6:1.2.3.4", "1:2:3:4:5:6:102:304"}};
+      {"1:2:3:4:5:6:1.2.3.4", "1:2:3:4:5:6:102:304"},
+      {"ffff:ffff:ffff:ffff:ffff:ffff:255.255.255.255",  // the longest text there is
+       "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"}};
   for (const auto& [text, canonical] : forms) {
     const Ip6Addr a(text);
     EXPECT_EQ(a.str(), canonical) << text;
