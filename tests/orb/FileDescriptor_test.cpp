@@ -47,6 +47,12 @@ TEST_F(FileDescriptorTest, WatchingMakesNonBlockingAndReportsEachReadinessUntilD
   const uint64_t drained = fd->readableCount();
   runTurns();
   EXPECT_EQ(fd->readableCount(), drained);  // drained: not reported again
+
+  // Readable and writable at once: one turn reports both.
+  EXPECT_EQ(::write(pair.fd[1], "y", 1), 1);
+  fd->notifyOnWritableIs(true);
+  EXPECT_TRUE(runUntil([&] { return fd->readableCount() > drained; }));
+  EXPECT_GT(fd->writableCount(), 0u);
 }
 
 TEST_F(FileDescriptorTest, WatchMovesToANewerWatcherOfTheSameDescriptor) {
