@@ -20,7 +20,7 @@ RETRA_CURL_VERSION=8.21.0
 RETRA_CURL_SUITE=trixie-backports
 
 # What building it needs from Debian.
-RETRA_CURL_PACKAGES=(libssl-dev libnghttp2-dev zlib1g-dev make)
+RETRA_CURL_PACKAGES=(libssl-dev libnghttp2-dev zlib1g-dev make dpkg-dev)
 
 RETRA_CURL_SOURCE_DIR=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 
