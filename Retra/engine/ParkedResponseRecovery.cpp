@@ -44,7 +44,7 @@ void ParkedResponseRecovery::onTime() {
       ++resets_;
     }
   }
-  timeMinIs(Orb::System::currentTime() + grace_);
+  timeMinIs(notifier()->now() + grace_);  // the clock's time, manual or real, as at the start
 }
 
 }  // namespace Retra
