@@ -19,7 +19,8 @@ ensure_packages() {
 # Everything the build, the whole suite, the install check and the demo need.
 RETRA_BUILD_PACKAGES=(cmake g++ ninja-build pkg-config libgtest-dev libgmock-dev libuv1-dev
   libc-ares-dev dnsmasq-base libcurl4-openssl-dev nginx-light openssl python3-httpbin
-  liburiparser-dev libcli11-dev nlohmann-json3-dev make python3 valgrind)
+  liburiparser-dev libcli11-dev nlohmann-json3-dev make python3 valgrind libsqlite3-dev
+  libmicrohttpd-dev prometheus util-linux)
 
 # The fuzzing stage: clang, its fuzzer and sanitizer runtimes, llvm-symbolizer for stack traces.
 RETRA_FUZZ_PACKAGES=(clang libclang-rt-14-dev llvm)
