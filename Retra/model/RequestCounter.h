@@ -50,6 +50,8 @@ class RequestCounter : public Orb::Entity {
   explicit RequestCounter(const Orb::Name& name = "counter") : Orb::Entity(name) {}
 
   RETRA_REQUEST_COUNTER_ATTRIBUTES(ORB_ENTITY_ACCESSORS)
+  // Each stored attribute with its getter and mutator, for streaming to other processes.
+  ORB_ENTITY_REFLECTION(RequestCounter, RETRA_REQUEST_COUNTER_ATTRIBUTES)
 
   [[nodiscard]] static const Orb::TypeNode* staticTypeNode();
   [[nodiscard]] const Orb::TypeNode* typeNode() const override { return staticTypeNode(); }

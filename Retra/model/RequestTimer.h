@@ -44,6 +44,8 @@ class RequestTimer : public Orb::Entity {
   explicit RequestTimer(const Orb::Name& name = "timer") : Orb::Entity(name) {}
 
   RETRA_REQUEST_TIMER_ATTRIBUTES(ORB_ENTITY_ACCESSORS)
+  // Each stored attribute with its getter and mutator, for streaming to other processes.
+  ORB_ENTITY_REFLECTION(RequestTimer, RETRA_REQUEST_TIMER_ATTRIBUTES)
 
   [[nodiscard]] static const Orb::TypeNode* staticTypeNode();
   [[nodiscard]] const Orb::TypeNode* typeNode() const override { return staticTypeNode(); }

@@ -111,6 +111,8 @@ class Response : public Orb::Entity {
   explicit Response(const RequestKey& key);
 
   RETRA_RESPONSE_ATTRIBUTES(ORB_ENTITY_ACCESSORS)
+  // Each stored attribute with its getter and mutator, for streaming to other processes.
+  ORB_ENTITY_REFLECTION(Response, RETRA_RESPONSE_ATTRIBUTES)
   [[nodiscard]] Method method() const noexcept { return requestKey_.method(); }
   [[nodiscard]] const Orb::String& uri() const noexcept { return requestKey_.uri(); }
   [[nodiscard]] bool finished() const noexcept { return requestState_ == stateFinished; }

@@ -82,4 +82,17 @@ std::ostream& operator<<(std::ostream& out, const Ip6Addr& address) {
   return out << address.str();
 }
 
+void writeAttr(Orb::AttrLogOut& out, const Ip6Addr& address) {
+  out.writeString(std::string_view(reinterpret_cast<const char*>(address.bytes().data()),
+                                   address.bytes().size()));
+}
+
+void readAttr(Orb::AttrLogIn& in, Ip6Addr* address) {
+  const Orb::String bytes = in.readString();
+  if (bytes.size() != Ip6Addr::Bytes().size()) {
+    Orb::throwParseException("an IPv6 address takes 16 bytes, not " + std::to_string(bytes.size()));
+  }
+  *address = Ip6Addr::fromBytes(bytes.charPtr());
+}
+
 }  // namespace Ipkit

@@ -9,6 +9,7 @@
 #include <iosfwd>
 #include <string_view>
 
+#include "Orb/AttrLog.h"
 #include "Orb/String.h"
 #include "Orb/TypeNode.h"
 
@@ -97,6 +98,11 @@ class Ip6Addr {
 
 // Writes the canonical text.
 std::ostream& operator<<(std::ostream& out, const Ip6Addr& address);
+
+// Attribute-log form: the sixteen network-order bytes as a string; any other length is a parse
+// error.
+void writeAttr(Orb::AttrLogOut& out, const Ip6Addr& address);
+void readAttr(Orb::AttrLogIn& in, Ip6Addr* address);
 
 }  // namespace Ipkit
 

@@ -9,6 +9,7 @@
 #include <iosfwd>
 #include <string_view>
 
+#include "Orb/AttrLog.h"
 #include "Orb/String.h"
 #include "Orb/TypeNode.h"
 
@@ -88,6 +89,14 @@ class IpAddr {
 
 // Writes the dotted quad.
 std::ostream& operator<<(std::ostream& out, const IpAddr& address);
+
+// Attribute-log form: the address as an unsigned number in host byte order.
+inline void writeAttr(Orb::AttrLogOut& out, const IpAddr& address) {
+  out.writeU32(address.value());
+}
+inline void readAttr(Orb::AttrLogIn& in, IpAddr* address) {
+  *address = IpAddr(in.readU32());
+}
 
 }  // namespace Ipkit
 

@@ -200,6 +200,82 @@
 #define ORB_ENTITY_MEMBERS_COLLECTION(name, Key, Value, ...) ::Orb::HashMap<Key, Value> name##_;
 #define ORB_ENTITY_MEMBERS_CHILD(name, Type, ...) ::Orb::Ptr<Type> name##_;
 
+// -- Entity reflection and forwarding ------------------------------------------------------------
+//
+// `ORB_ENTITY_REFLECTION(Type, LIST)` (public section) adds `forEachAttribute(v)`, which hands the
+// visitor `v` each stored attribute in list order, with its number, its name and functions that
+// read and write it through the getters and mutators above (so writes notify as usual):
+//
+//   v.scalar(Attr::name, "name", get, set)               SCALAR and COUNTER: get(const T&) returns
+//                                                        the value, set(T&, value) stores it.
+//   v.collection(Attr::name, "name", get, set, del)      COLLECTION: get returns the map,
+//                                                        set(T&, key, value), del(T&, key).
+//   v.child(Attr::name, "name", get, make)               CHILD: get(const T&) the child or null,
+//                                                        make(T&) the child, created if needed.
+//
+// Streaming an entity between processes (a snapshot, then each change) is built on it.
+//
+// `ORB_NOTIFIEE_FORWARDERS` (inside an observer derived from the type's `NotifieeConst`, which
+// names that base `ForwardedNotifiee`) overrides every callback of SCALAR, COUNTER and CHILD
+// attributes to call `attributeChanged(Attr::name)`, and every keyed COLLECTION callback to call
+// `memberChanged(Attr::name, key)`: one observer that hears of every change by number.
+
+#define ORB_ENTITY_VISIT(kind, ...) ORB_ENTITY_VISIT_##kind(__VA_ARGS__)
+#define ORB_ENTITY_VISIT_FIXED(...)
+#define ORB_ENTITY_VISIT_DERIVED(...)
+#define ORB_ENTITY_VISIT_OPERATION(...)
+#define ORB_ENTITY_VISIT_DIRECTORY(...)
+#define ORB_ENTITY_VISIT_HELD(...)
+#define ORB_ENTITY_VISIT_SCALAR(name, Type, nameIs, onName, initial)                       \
+  v.scalar(                                                                                \
+      Attr::name, #name, [](const Self& s) -> ::Orb::ParamType<Type> { return s.name(); }, \
+      [](Self& s, ::Orb::ParamType<Type> value) { s.nameIs(value); });
+#define ORB_ENTITY_VISIT_COUNTER(name, Type, nameIs, nameInc, onName, initial) \
+  ORB_ENTITY_VISIT_SCALAR(name, Type, nameIs, onName, initial)
+#define ORB_ENTITY_VISIT_COLLECTION(name, Key, Value, nameIs, nameDel, nameDelAll, onName, \
+                                    onNameImmediate)                                       \
+  v.collection(                                                                            \
+      Attr::name, #name,                                                                   \
+      [](const Self& s) -> const ::Orb::HashMap<Key, Value>& { return s.name(); },         \
+      [](Self& s, ::Orb::ParamType<Key> key, ::Orb::ParamType<Value> value) {              \
+        s.nameIs(key, value);                                                              \
+      },                                                                                   \
+      [](Self& s, ::Orb::ParamType<Key> key) { s.nameDel(key); });
+#define ORB_ENTITY_VISIT_CHILD(name, Type, nameIs, nameDel, onName)                  \
+  v.child(                                                                           \
+      Attr::name, #name, [](const Self& s) -> ::Orb::Ptr<Type> { return s.name(); }, \
+      [](Self& s) -> ::Orb::Ptr<Type> { return s.nameIs(); });
+
+#define ORB_ENTITY_REFLECTION(Type, LIST) \
+  template <class V>                      \
+  static void forEachAttribute(V&& v) {   \
+    using Self = Type;                    \
+    LIST(ORB_ENTITY_VISIT)                \
+  }
+
+#define ORB_NOTIFIEE_FORWARDERS(kind, ...) ORB_NOTIFIEE_FORWARDERS_##kind(__VA_ARGS__)
+#define ORB_NOTIFIEE_FORWARDERS_FIXED(...)
+#define ORB_NOTIFIEE_FORWARDERS_DERIVED(...)
+#define ORB_NOTIFIEE_FORWARDERS_OPERATION(...)
+#define ORB_NOTIFIEE_FORWARDERS_DIRECTORY(...)
+#define ORB_NOTIFIEE_FORWARDERS_HELD(...)
+#define ORB_NOTIFIEE_FORWARDERS_SCALAR(name, Type, nameIs, onName, initial) \
+  void onName() override {                                                  \
+    attributeChanged(NotifierType::Attr::name);                             \
+  }
+#define ORB_NOTIFIEE_FORWARDERS_COUNTER(name, Type, nameIs, nameInc, onName, initial) \
+  ORB_NOTIFIEE_FORWARDERS_SCALAR(name, Type, nameIs, onName, initial)
+#define ORB_NOTIFIEE_FORWARDERS_CHILD(name, Type, nameIs, nameDel, onName) \
+  void onName() override {                                                 \
+    attributeChanged(NotifierType::Attr::name);                            \
+  }
+#define ORB_NOTIFIEE_FORWARDERS_COLLECTION(name, Key, Value, nameIs, nameDel, nameDelAll, onName, \
+                                           onNameImmediate)                                       \
+  using ForwardedNotifiee::onName;                                                                \
+  void onName(::Orb::ParamType<Key> key) override {                                               \
+    memberChanged(NotifierType::Attr::name, key);                                                 \
+  }
+
 // -- Value types ---------------------------------------------------------------------------------
 //
 // A value type (copied whole, compared whole, no notification) lists its attributes with the
