@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Orb/ActivityManager.h"
 #include "Retra/remote/WireProtocol.h"
 
 namespace Retra::Wire {
@@ -43,14 +44,21 @@ FrameChannel::~FrameChannel() {
 
 void FrameChannel::send(std::string_view payload) {
   if (!isOpen() || failPending_) return;
-  appendFrame(out_, payload);
-  if (queuedBytes() > maxQueued_) {
-    // Told from the loop, not from inside the sender's call.
+  // A peer that stops reading: more than the limit unread, and nothing taken for a second (a
+  // burst of one turn goes out to a peer that reads), or far more than the limit at once.
+  const size_t queued = queuedBytes();
+  if (queued > maxQueued_ && overSince_ < 0) overSince_ = Orb::activityManager()->currentTime();
+  if ((queued > maxQueued_ && Orb::activityManager()->currentTime() - overSince_ > kStallSeconds) ||
+      queued > kBurstFactor * maxQueued_) {
+    // Told from the loop, not from inside the sender's call: the socket shut down reports
+    // itself ready at once, where a peer that reads nothing would never make it writable.
     closeReason_ = "outgoing queue over " + std::to_string(maxQueued_) + " bytes";
     failPending_ = true;
+    ::shutdown(descriptor_, SHUT_RDWR);
     fd_->notifyOnWritableIs(true);
     return;
   }
+  appendFrame(out_, payload);
   if (!fd_->notifyOnWritable()) writeQueued();
 }
 
@@ -77,6 +85,7 @@ void FrameChannel::fail(const std::string& why) {
 
 void FrameChannel::handleReadable() {
   Orb::Ptr<FrameChannel> keep(this);
+  if (failPending_) return fail(closeReason_);
   char chunk[kReadChunk];
   size_t taken = 0;
   bool peerClosed = false;
@@ -119,6 +128,7 @@ void FrameChannel::writeQueued() {
         ::send(descriptor_, out_.data() + outStart_, queuedBytes(), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n > 0) {
       outStart_ += size_t(n);
+      overSince_ = -1;  // the peer reads
       continue;
     }
     if (n < 0 && errno == EINTR) continue;

@@ -30,7 +30,8 @@ namespace Retra::Wire {
 // - `onBatchEnd` after the frames of one readable turn were handed out (the service commits its
 //   store there and then acknowledges).
 // - `onClosed` once, when the peer closed, the socket failed, a frame was over the limit or the
-//   queue went over `maxQueued` (a peer that stops reading); not after a `close()` of our own.
+//   queue held over `maxQueued` unread bytes for a second, or sixteen times that at once (a peer
+//   that stops reading); not after a `close()` of our own.
 // After `onClosed` or `close()` nothing is read or written any more.
 class FrameChannel : public Orb::PtrInterface {
  public:
@@ -85,6 +86,10 @@ class FrameChannel : public Orb::PtrInterface {
   size_t outStart_ = 0;
   std::string closeReason_;
   bool failPending_ = false;
+  // When the queue went over the limit with the peer taking nothing since; negative otherwise.
+  double overSince_ = -1;
+  static constexpr double kStallSeconds = 1.0;
+  static constexpr size_t kBurstFactor = 16;
 };
 
 }  // namespace Retra::Wire
