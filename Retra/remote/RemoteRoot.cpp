@@ -155,6 +155,7 @@ void RemoteRoot::handleWelcome(const Wire::Message& message) {
   }
   welcomed_ = true;
   uidIs(message.uid);
+  serviceVersionIs(Orb::String(message.text));
   connectErrorIs({});
   if (options_.watchEverything || !options_.watchKey.uri().view().empty()) {
     syncedIs(false);

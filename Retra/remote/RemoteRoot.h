@@ -23,6 +23,7 @@
   X(SCALAR, connected, bool, connectedIs, onConnected, false)                            \
   X(SCALAR, synced, bool, syncedIs, onSynced, false)                                     \
   X(SCALAR, uid, uint32_t, uidIs, onUid, 0)                                              \
+  X(SCALAR, serviceVersion, Orb::String, serviceVersionIs, onServiceVersion, {})         \
   X(COUNTER, acknowledged, uint64_t, acknowledgedIs, acknowledgedInc, onAcknowledged, 0) \
   X(COUNTER, refused, uint64_t, refusedIs, refusedInc, onRefused, 0)                     \
   X(SCALAR, lastRefusal, Orb::String, lastRefusalIs, onLastRefusal, {})                  \
@@ -58,7 +59,8 @@ namespace Retra {
 // Connection: created disconnected; it connects on the next loop turn and, with
 // `Options::reconnect`, again half a second after a failure or a restart of the service, then
 // re-synchronises the mirror (responses gone meanwhile are removed, the others refreshed from
-// their snapshots). `connected` follows the connection, `connectError` says why it is down.
+// their snapshots). `connected` follows the connection, `connectError` says why it is down; `uid`
+// is the uid the service sees and `serviceVersion` its version, both from its welcome.
 //
 // Ownership: the remote root holds both directories (their parent). It is driven by the
 // activity loop; it starts no thread. `close()` (or the last reference going) disconnects.

@@ -145,10 +145,17 @@ ChangeOp readOp(Orb::AttrLogIn& in) {
 
 std::string encodeSnapshot(const Response& response, bool withBody) {
   auto out = startMessage(MessageType::snapshot, response.requestKey());
+  // The state goes last, so the other attributes are in place when a mirror sees it; without
+  // the body it is left out and follows the body's pieces as a change.
+  auto isState = [](Orb::AttributeId target, Orb::AttributeId id) {
+    return target == responseTarget && id == Response::Attr::requestState;
+  };
   uint32_t count = 0;
-  forEachEntry(response, [&](Orb::AttributeId, Orb::AttributeId, auto&&) { ++count; });
+  forEachEntry(response, [&](Orb::AttributeId target, Orb::AttributeId id, auto&&) {
+    if (withBody || !isState(target, id)) ++count;
+  });
   out.beginCompound(count);
-  forEachEntry(response, [&](Orb::AttributeId target, Orb::AttributeId id, auto&& write) {
+  auto writeEntry = [&](Orb::AttributeId target, Orb::AttributeId id, auto&& write) {
     out.beginCompound(3);
     out.writeU32(target);
     out.writeU32(id);
@@ -158,7 +165,15 @@ std::string encodeSnapshot(const Response& response, bool withBody) {
       write(out);
     }
     out.endCompound();
+  };
+  forEachEntry(response, [&](Orb::AttributeId target, Orb::AttributeId id, auto&& write) {
+    if (!isState(target, id)) writeEntry(target, id, write);
   });
+  if (withBody) {
+    forEachEntry(response, [&](Orb::AttributeId target, Orb::AttributeId id, auto&& write) {
+      if (isState(target, id)) writeEntry(target, id, write);
+    });
+  }
   out.endCompound();
   return out.bytes();
 }

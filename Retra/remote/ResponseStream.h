@@ -31,8 +31,9 @@ namespace Retra::Wire {
 
 inline constexpr Orb::AttributeId responseTarget = 0;
 
-// The whole snapshot message (type, key, attributes). Without `withBody` the body is sent empty:
-// a large body follows as appends (`encodeBodyAppend`).
+// The whole snapshot message (type, key, attributes), the request state last. Without
+// `withBody` the body is sent empty and the state left out: a large body follows as appends
+// (`encodeBodyPiece`), then the state as a change.
 [[nodiscard]] std::string encodeSnapshot(const Response& response, bool withBody);
 // The change message of one scalar or child-scalar attribute, with its current value.
 [[nodiscard]] std::string encodeScalarChange(const Response& response, Orb::AttributeId target,

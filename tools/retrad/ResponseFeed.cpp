@@ -92,6 +92,8 @@ std::vector<std::string> ResponseFeed::snapshot() const {
     messages.push_back(Retra::Wire::encodeBodyPiece(
         *response_, at, std::min(body.size(), at + Retra::Wire::bodyPieceBytes)));
   }
+  messages.push_back(Retra::Wire::encodeScalarChange(*response_, Retra::Wire::responseTarget,
+                                                     Retra::Response::Attr::requestState));
   return messages;
 }
 
