@@ -11,6 +11,7 @@
 #include "Orb/Clock.h"
 #include "Orb/FileDescriptor.h"
 #include "Orb/Trace.h"
+#include "retrad/ReadinessNotice.h"
 #include "retrad/Service.h"
 #include "retrad/ServiceTrace.h"
 
@@ -68,6 +69,8 @@ int main(int argc, char** argv) {
 
   try {
     Retrad::Service service(line.options);
+    if (!Retrad::notifyReady())
+      std::cerr << "retrad: could not tell the service manager it is ready\n";
     auto fd = Orb::allocate<Orb::FileDescriptor>(Orb::Name("retradSignals"));
     fd->descriptorIs(signalFd);
     fd->notifyOnReadableIs(true);

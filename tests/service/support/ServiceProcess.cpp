@@ -9,7 +9,6 @@
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
-#include <thread>
 
 #include "Retra/remote/WireProtocol.h"
 
@@ -27,18 +26,28 @@ void ServiceProcess::start() {
       RETRAD_PROGRAM, "--socket", socket_, "--state", dir_.path("state/requests.db"),
       "--trace",      "Retrad/2"};
   argv.insert(argv.end(), args_.begin(), args_.end());
+  // The service says it is ready the way it tells systemd: a datagram on $NOTIFY_SOCKET.
+  const std::string notifyPath = dir_.path("notify-" + std::to_string(starts_ + 1));
+  const int notify = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, notifyPath.c_str(), sizeof address.sun_path - 1);
+  if (notify < 0 || ::bind(notify, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    throw std::runtime_error("cannot bind " + notifyPath);
+  }
+  ::setenv("NOTIFY_SOCKET", notifyPath.c_str(), 1);
   process_ = std::make_unique<RetraTest::ChildProcess>(
       argv, dir_.path("retrad-" + std::to_string(++starts_) + ".log"));
-  for (int i = 0; i < 500; ++i) {
-    try {
-      RawClient probe(socket_);
-      if (probe.handshake()) return;
-    } catch (const std::runtime_error&) {
-    }
-    if (!process_->isRunning()) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  ::unsetenv("NOTIFY_SOCKET");
+  pollfd ready{notify, POLLIN, 0};
+  char state[64] = {};
+  const bool notified = ::poll(&ready, 1, 30000) == 1 &&
+                        ::recv(notify, state, sizeof state - 1, 0) > 0 &&
+                        std::string_view(state) == "READY=1";
+  ::close(notify);
+  if (!notified || !RawClient(socket_).handshake()) {
+    throw std::runtime_error("retrad did not start: " + log());
   }
-  throw std::runtime_error("retrad did not start: " + log());
 }
 
 std::string ServiceProcess::log() const {
