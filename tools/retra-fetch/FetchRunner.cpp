@@ -14,9 +14,9 @@
 #include "Orb/Trace.h"
 #include "Retra/engine/RetraSm.h"
 #include "Retra/model/RequestDir.h"
-#include "retra-fetch/ExitCode.h"
 #include "retra-fetch/FetchOutput.h"
-#include "retra-fetch/ResponseJson.h"
+#include "toolkit/ExitCode.h"
+#include "toolkit/ResponseJson.h"
 
 namespace RetraFetch {
 namespace {
@@ -174,7 +174,7 @@ void FetchRunner::handleFinished(size_t index, const Retra::Response& response) 
   FetchReport report = reportOf(response, slot.before);
   report.index = index;
   report.fetch = slot.fetches;
-  if (options_.json) report.json = jsonLine(responseJson(response));
+  if (options_.json) report.json = RetraTool::jsonLine(RetraTool::responseJson(response));
   slot.before = snapshotOf(response);
   slot.bytesReported += report.bytes;
   if (slot.fetches == 1) slot.firstError = report.error;
@@ -188,7 +188,7 @@ void FetchRunner::flushReports() {
     reports_.pop_front();
     clearProgress();
     if (report.error != Retra::errNone && !firstFailureSeen_) {
-      firstFailureSeen_ = exitCodeFor(report.error);
+      firstFailureSeen_ = RetraTool::exitCodeFor(report.error);
     }
     if (options_.json) {
       out_ << report.json << std::flush;
@@ -270,12 +270,12 @@ uint64_t FetchRunner::bytesReceived() const {
 }
 
 int FetchRunner::exitStatus() const {
-  if (options_.watch) return firstFailureSeen_.value_or(exitOk);
+  if (options_.watch) return firstFailureSeen_.value_or(RetraTool::exitOk);
   for (const Slot& slot : slots_) {
-    if (slot.unfinished) return exitUnfinished;
-    if (slot.firstError != Retra::errNone) return exitCodeFor(slot.firstError);
+    if (slot.unfinished) return RetraTool::exitUnfinished;
+    if (slot.firstError != Retra::errNone) return RetraTool::exitCodeFor(slot.firstError);
   }
-  return exitOk;
+  return RetraTool::exitOk;
 }
 
 }  // namespace RetraFetch

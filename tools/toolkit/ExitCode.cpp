@@ -1,19 +1,25 @@
-#include "retra-fetch/ExitCode.h"
+#include "toolkit/ExitCode.h"
 
 #include <cstdio>
 
-namespace RetraFetch {
+namespace RetraTool {
 
 int exitCodeFor(Retra::Error error) {
   return error == Retra::errNone ? exitOk : exitErrorBase + static_cast<int>(error);
 }
 
-std::string exitCodeTable() {
+std::string exitCodeTable(const std::string& tool) {
   std::string table =
       "   0  every fetch ended with errNone\n"
-      "   1  retra-fetch itself failed\n"
-      "   2  usage error\n"
-      "   3  a fetch did not finish within its time limits\n";
+      "   1  " +
+      tool +
+      " itself failed\n"
+      "   2  usage error\n";
+  if (tool == "retra-fetch") {
+    table += "   3  a fetch did not finish within its time limits\n";
+  } else {
+    table += "   4  no service is running\n";
+  }
   for (unsigned error = Retra::errUriParse; error <= Retra::errCurlOther; ++error) {
     char line[64];
     std::snprintf(line, sizeof line, "  %2d  %s\n", exitCodeFor(Retra::ErrorInstance(error)),
@@ -23,4 +29,4 @@ std::string exitCodeTable() {
   return table;
 }
 
-}  // namespace RetraFetch
+}  // namespace RetraTool
