@@ -148,17 +148,22 @@ std::string encodeSnapshot(const Response& response, bool withBody) {
   uint32_t count = 0;
   forEachEntry(response, [&](Orb::AttributeId, Orb::AttributeId, auto&&) { ++count; });
   out.beginCompound(count);
-  forEachEntry(response, [&](Orb::AttributeId target, Orb::AttributeId id, auto&& write) {
-    out.beginCompound(3);
-    out.writeU32(target);
-    out.writeU32(id);
-    if (!withBody && target == responseTarget && id == Response::Attr::body) {
-      out.writeString(std::string_view());
-    } else {
-      write(out);
-    }
-    out.endCompound();
-  });
+  // The state goes last: a mirror applying the entries in order reaches stateFinished with the
+  // rest of the fetch in place, as observers of a fetch expect.
+  for (const bool stateEntry : {false, true}) {
+    forEachEntry(response, [&](Orb::AttributeId target, Orb::AttributeId id, auto&& write) {
+      if ((target == responseTarget && id == Response::Attr::requestState) != stateEntry) return;
+      out.beginCompound(3);
+      out.writeU32(target);
+      out.writeU32(id);
+      if (!withBody && target == responseTarget && id == Response::Attr::body) {
+        out.writeString(std::string_view());
+      } else {
+        write(out);
+      }
+      out.endCompound();
+    });
+  }
   out.endCompound();
   return out.bytes();
 }
