@@ -18,6 +18,7 @@
 #include "support/ChildProcess.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/TempDir.h"
+#include "support/TimeScale.h"
 #include "tools/support/FetchProgram.h"
 
 namespace {
@@ -39,10 +40,10 @@ class RetraCtlTest : public ::testing::Test {
     return ToolTest::runProgram(RETRA_CTL_PROGRAM, args);
   }
 
-  // Polls `done` until it holds; false after half a minute.
+  // Polls `done` until it holds; false after half a minute (stretched under valgrind).
   template <class Predicate>
   static bool eventually(Predicate done) {
-    for (int i = 0; i < 1500; ++i) {
+    for (unsigned i = 0; i < 50 * RetraTest::scaledSeconds(30); ++i) {
       if (done()) return true;
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }

@@ -146,6 +146,8 @@ int CtlClient::replyStatus(Retra::Wire::ReplyCode code, const std::string& text)
   if (code == ReplyCode::ok) return RetraTool::exitOk;
   if (code == ReplyCode::notFound) {
     err_ << "retra-ctl: no request " << keyText(command_.key()) << "\n";
+  } else if (code == ReplyCode::unavailable) {
+    err_ << "retra-ctl: lost the service: " << text << "\n";
   } else {
     err_ << "retra-ctl: the service refused (" << Retra::Wire::replyCodeName(code) << "): " << text
          << "\n";
@@ -231,7 +233,9 @@ int CtlClient::watch() {
         root_->retraResponse(), [this](const nlohmann::ordered_json& change) {
           out_ << RetraTool::jsonLine(change) << std::flush;
         });
+    // Until the mirror is complete, the snapshots filling it are no changes.
     changeWatch_->mutedIs(!root_->synced());
+    if (root_->synced()) changeWatch_->reportSnapshots();
   }
   finishWatch_ =
       FinishWatch::FinishWatchIs(root_->retraResponse(), [this](const Retra::Response& response) {
