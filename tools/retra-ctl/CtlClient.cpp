@@ -1,6 +1,5 @@
 #include "retra-ctl/CtlClient.h"
 
-#include <functional>
 #include <utility>
 
 #include "Orb/ActivityManager.h"
@@ -38,45 +37,6 @@ class CtlClient::ConnectionWatch : public Retra::RemoteRoot::NotifieeConst {
 
  private:
   CtlClient* client_;
-};
-
-// Calls back once each time a response of the directory finishes a fetch, or appears finished.
-class CtlClient::FinishWatch : public Retra::ResponseDir::NotifieeConst {
- public:
-  using Handler = std::function<void(const Retra::Response&)>;
-  static Orb::Ptr<FinishWatch> FinishWatchIs(const Orb::Ptr<Retra::ResponseDir>& dir,
-                                             Handler handler) {
-    auto watch = Orb::allocate<FinishWatch>(std::move(handler));
-    watch->notifierIs(dir);
-    for (const auto& [key, response] : dir->response()) watch->onResponse(key);
-    return watch;
-  }
-  explicit FinishWatch(Handler handler) : handler_(std::move(handler)) {}
-  void onResponse(const Retra::RequestKey& key) override {
-    Orb::Ptr<Retra::Response> response = notifierPtr()->response(key);
-    if (!response) {
-      reactors_.erase(key);
-      return;
-    }
-    auto reactor = Orb::allocate<Reactor>(this);
-    reactor->notifierIs(response);
-    reactors_.insert_or_assign(key, reactor);
-    if (response->finished()) handler_(*response);
-  }
-
- private:
-  class Reactor : public Retra::Response::NotifieeConst {
-   public:
-    explicit Reactor(FinishWatch* watch) : watch_(watch) {}
-    void onRequestState() override {
-      if (notifierPtr()->finished()) watch_->handler_(*notifierPtr());
-    }
-
-   private:
-    FinishWatch* watch_;
-  };
-  Handler handler_;
-  Orb::HashMap<Retra::RequestKey, Orb::Ptr<Reactor>> reactors_;
 };
 
 CtlClient::CtlClient(CtlCommand command, std::ostream& out, std::ostream& err)
@@ -237,8 +197,8 @@ int CtlClient::watch() {
     changeWatch_->mutedIs(!root_->synced());
     if (root_->synced()) changeWatch_->reportSnapshots();
   }
-  finishWatch_ =
-      FinishWatch::FinishWatchIs(root_->retraResponse(), [this](const Retra::Response& response) {
+  finishWatch_ = Retra::FetchFinishWatch::FetchFinishWatchIs(
+      root_->retraResponse(), [this](const Retra::Response& response) {
         if (!command_.json) out_ << finishLine(response) << std::flush;
         ++finished_;
       });

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Orb/Ptr.h"
+#include "Retra/model/FetchFinishWatch.h"
 #include "Retra/remote/RemoteRoot.h"
 #include "Retra/remote/WireProtocol.h"
 #include "retra-ctl/CtlCommandLine.h"
@@ -34,7 +35,6 @@ class CtlClient {
 
  private:
   class ConnectionWatch;
-  class FinishWatch;
 
   int add();
   int del();
@@ -58,8 +58,8 @@ class CtlClient {
   std::ostream& err_;
   Orb::Ptr<Retra::RemoteRoot> root_;
   Orb::Ptr<ConnectionWatch> connectionWatch_;
-  Orb::Ptr<FinishWatch> finishWatch_;          // watch: counts finished fetches
-  Orb::Ptr<ResponseChangeWatch> changeWatch_;  // watch --json
+  Orb::Ptr<Retra::FetchFinishWatch> finishWatch_;  // watch: counts finished fetches
+  Orb::Ptr<ResponseChangeWatch> changeWatch_;      // watch --json
   std::optional<std::pair<Retra::Wire::ReplyCode, std::string>> reply_;
   uint32_t finished_ = 0;
 };
