@@ -100,6 +100,7 @@ class RemoteRoot : public Orb::Entity {
   // Commands beyond the directories. Each handler is called once, from the loop, with the
   // service's reply; commands given while disconnected wait for the connection, or are answered
   // `unavailable` when it fails without `reconnect`.
+  // ping: the reply's text is the service's version ("retrad 1.0.0").
   void ping(ReplyHandler handler);
   // Fetches the key's request again now (its response starts over).
   void reset(const RequestKey& key, ReplyHandler handler);

@@ -31,19 +31,6 @@ void retainUntilExit(const Orb::Ptr<Retra::RetraSm>& engine) {
 
 }  // namespace
 
-class RetraBenchHost::ResponseWatch : public Retra::Response::NotifieeConst {
- public:
-  ResponseWatch(RetraBenchHost* host, size_t index) : host_(host), index_(index) {}
-  void onRequestState() override {
-    const Retra::Response* response = notifierPtr();
-    if (response && response->finished()) host_->handleFinished(index_, *response);
-  }
-
- private:
-  RetraBenchHost* host_;
-  size_t index_;
-};
-
 RetraBenchHost::RetraBenchHost(const BenchOptions& options) : options_(options), tally_(options) {
   report_.program = options.program;
   report_.requests = options.count;
@@ -68,7 +55,11 @@ void RetraBenchHost::start() {
   if (!options_.outputDir.empty()) std::filesystem::create_directories(options_.outputDir);
   root_ = Orb::allocate<Retra::Root>("retra");
   keys_.reserve(options_.count);
-  watches_.resize(options_.count);
+  index_.reserve(options_.count);
+  finished_.resize(options_.count);
+  finishWatch_ = Retra::FetchFinishWatch::FetchFinishWatchIs(
+      root_->retraResponse(),
+      [this](const Retra::Response& response) { handleFinished(response); });
   report_.startSeconds = monotonicSeconds() - begin;
 }
 
@@ -79,29 +70,27 @@ void RetraBenchHost::writeRequests() {
   for (size_t i = 0; i < options_.count; ++i) {
     const Retra::RequestKey key(Retra::GET, Orb::String(requestUrl(options_, i)));
     keys_.push_back(key);
+    index_.emplace(key, i);
     Retra::Request request(key);
     request.timeoutConnectIs(static_cast<uint16_t>(options_.timeoutSeconds));
     request.timeoutRequestIs(static_cast<uint16_t>(options_.timeoutSeconds));
     if (!options_.outputDir.empty()) request.outputPathIs(Orb::String(outputPath(options_, i)));
     // Taken in at once: the response exists when this returns, finished already if it failed.
     requests->requestIs(request);
-    const Orb::Ptr<Retra::Response> response = responses->response(key);
-    if (!response) {
+    if (!responses->response(key)) {
+      finished_[i] = true;
       finishedQueue_.push_back(Outcome{i, 0, false, "no response in the directory", 0, -1});
       ++finishedCount_;
       lastFinish_ = monotonicSeconds();
-      continue;
     }
-    if (response->finished()) {
-      handleFinished(i, *response);
-      continue;
-    }
-    watches_[i] = Orb::allocate<ResponseWatch>(this, i);
-    watches_[i]->notifierIs(response);
   }
 }
 
-void RetraBenchHost::handleFinished(size_t index, const Retra::Response& response) {
+void RetraBenchHost::handleFinished(const Retra::Response& response) {
+  const auto it = index_.find(response.requestKey());
+  if (it == index_.end() || finished_[it->second]) return;  // a refresh, with --keep
+  const size_t index = it->second;
+  finished_[index] = true;
   Outcome outcome;
   outcome.index = index;
   outcome.status = response.statusCode();
@@ -134,8 +123,8 @@ void RetraBenchHost::loop() {
   }
 }
 
-// Checks what finished since the last turn, lets its watch go and, without --keep, withdraws
-// the request. Done between turns, never inside a notification.
+// Checks what finished since the last turn and, without --keep, withdraws the request. Done
+// between turns, never inside a notification.
 void RetraBenchHost::takeFinished() {
   const Orb::Ptr<Retra::RequestDir> requests = root_->retraRequest();
   // Both vectors keep their capacity from turn to turn.
@@ -144,21 +133,15 @@ void RetraBenchHost::takeFinished() {
   finished.swap(finishedQueue_);
   for (const Outcome& outcome : finished) {
     tally_.record(outcome);
-    if (outcome.index >= watches_.size()) continue;
-    if (Orb::Ptr<ResponseWatch>& watch = watches_[outcome.index]) {
-      watch->notifierIs(static_cast<const Retra::Response*>(nullptr));
-      watch = nullptr;
+    if (!options_.keep && outcome.index < keys_.size()) {
+      (void)requests->requestDel(keys_[outcome.index]);
     }
-    if (!options_.keep) (void)requests->requestDel(keys_[outcome.index]);
   }
 }
 
 void RetraBenchHost::stop() {
   const double begin = monotonicSeconds();
-  for (Orb::Ptr<ResponseWatch>& watch : watches_) {
-    if (watch) watch->notifierIs(static_cast<const Retra::Response*>(nullptr));
-    watch = nullptr;
-  }
+  finishWatch_ = nullptr;
   if (Orb::Ptr<Retra::RetraSm> engine = root_->retraSm()) {
     engine->shutdown();
     retainUntilExit(engine);

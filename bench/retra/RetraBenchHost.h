@@ -1,9 +1,11 @@
 #pragma once
 
+#include <unordered_map>
 #include <vector>
 
 #include "Orb/Ptr.h"
 #include "Retra/engine/Root.h"
+#include "Retra/model/FetchFinishWatch.h"
 #include "Retra/model/RequestKey.h"
 #include "common/BenchOptions.h"
 #include "common/BenchReport.h"
@@ -23,8 +25,8 @@ namespace RetraBench {
 // withdrawn: every response stays in the response directory until the process exits, and
 // `run()` leaves the process at once after printing (the process's exit frees everything).
 //
-// A response is observed through one watch that goes as soon as the response has finished.
-// Its figures are taken in the notification itself, because a refresh could reset the response
+// Responses are observed through one `Retra::FetchFinishWatch`; each response's figures are
+// taken in its first finish notification itself, because a refresh could reset the response
 // before the loop turn ends.
 class RetraBenchHost {
  public:
@@ -38,21 +40,21 @@ class RetraBenchHost {
   [[nodiscard]] int run();
 
  private:
-  class ResponseWatch;
-
   void start();
   void writeRequests();
   void loop();
   void takeFinished();
   void stop();
-  void handleFinished(size_t index, const Retra::Response& response);
+  void handleFinished(const Retra::Response& response);
 
   const BenchOptions& options_;
   BenchTally tally_;
   BenchReport report_;
   Orb::Ptr<Retra::Root> root_;
   std::vector<Retra::RequestKey> keys_;
-  std::vector<Orb::Ptr<ResponseWatch>> watches_;
+  std::unordered_map<Retra::RequestKey, size_t> index_;
+  std::vector<bool> finished_;  // by index: counted already
+  Orb::Ptr<Retra::FetchFinishWatch> finishWatch_;
   std::vector<Outcome> finishedQueue_;  // finished, not yet checked
   std::vector<Outcome> finishedTaken_;  // being checked
   size_t finishedCount_ = 0;

@@ -17,7 +17,8 @@ install_check() {
   libdir=$(dirname "$(find "$prefix" -name 'libretra.so.1' -print -quit)")
   for file in "$libdir/libretra.so.1.0.0" "$libdir/cmake/Retra/RetraConfig.cmake" \
       "$libdir/pkgconfig/retra.pc" "$prefix/include/Retra/engine/Root.h" \
-      "$prefix/include/Retra/orb/Orb/Entity.h" "$prefix/bin/retra-fetch"; do
+      "$prefix/include/Retra/orb/Orb/Entity.h" "$prefix/bin/retra-fetch" "$prefix/bin/retra-ctl" \
+      "$prefix/lib/systemd/user/retrad.socket" "$prefix/lib/systemd/system/retrad.service"; do
     [ -e "$file" ] || { echo "install check: $file is missing" >&2; return 1; }
   done
 

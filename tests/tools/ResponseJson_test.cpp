@@ -1,7 +1,7 @@
 // A response as JSON: every attribute under its own name, in declaration order, with the forms
 // the tool promises for enumerations, collections, children and bodies.
 
-#include "retra-fetch/ResponseJson.h"
+#include "toolkit/ResponseJson.h"
 
 #include <gtest/gtest.h>
 
@@ -42,7 +42,7 @@ TEST(ResponseJsonTest, EveryAttributeAppearsInDeclarationOrderWithItsValue) {
   response->ip6AddressIs(Ipkit::Ip6Addr(Orb::String("::1")), true);
   response->portIs(8443);
 
-  const Json json = RetraFetch::responseJson(*response);
+  const Json json = RetraTool::responseJson(*response);
 
   const Json expected = Json::parse(R"({
     "requestKey": {"method": "DELETE", "uri": "https://example.test:8443/item"},
@@ -63,7 +63,7 @@ TEST(ResponseJsonTest, EveryAttributeAppearsInDeclarationOrderWithItsValue) {
     "ipAddress": ["127.0.0.1", "127.0.0.2"], "ip6Address": ["::1"], "port": 8443})");
   EXPECT_EQ(json.dump(), expected.dump());
   // One line, and it reads back to the same object.
-  const std::string line = RetraFetch::jsonLine(json);
+  const std::string line = RetraTool::jsonLine(json);
   EXPECT_EQ(line.find('\n'), line.size() - 1);
   EXPECT_EQ(Json::parse(line), json);
 }
@@ -73,16 +73,16 @@ TEST(ResponseJsonTest, BodiesThatAreNoUtf8GoOutAsBase64) {
   response->bodyIs(Orb::String("\xff\xfe\x00\x01", 4));
   response->headerIs("X-Latin1", "caf\xe9");  // not UTF-8: replaced, not fatal
 
-  const Json json = RetraFetch::responseJson(*response);
+  const Json json = RetraTool::responseJson(*response);
   EXPECT_FALSE(json.contains("body"));
   EXPECT_EQ(json["bodyBase64"], "//4AAQ==");
-  EXPECT_EQ(Json::parse(RetraFetch::jsonLine(json))["header"]["X-Latin1"], "caf\xef\xbf\xbd");
+  EXPECT_EQ(Json::parse(RetraTool::jsonLine(json))["header"]["X-Latin1"], "caf\xef\xbf\xbd");
 
-  EXPECT_TRUE(RetraFetch::isUtf8(std::string("nul\0 \xe2\x82\xac \xf0\x9f\x98\x80", 13)));
+  EXPECT_TRUE(RetraTool::isUtf8(std::string("nul\0 \xe2\x82\xac \xf0\x9f\x98\x80", 13)));
   // Cut short, overlong '/', a surrogate.
   for (const char* text : {"\xc3", "\xc0\xaf", "\xed\xa0\x80"})
-    EXPECT_FALSE(RetraFetch::isUtf8(text)) << text;
-  EXPECT_EQ(RetraFetch::base64("fo"), "Zm8=");
+    EXPECT_FALSE(RetraTool::isUtf8(text)) << text;
+  EXPECT_EQ(RetraTool::base64("fo"), "Zm8=");
 }
 
 }  // namespace

@@ -3,42 +3,28 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "Retra/model/Enumerations.h"
 #include "Retra/model/Request.h"
+#include "toolkit/RequestOptions.h"
 
 namespace RetraFetch {
 
-// What a retra-fetch command line asks for, checked and converted: every field holds a value
-// the library accepts. Options follow curl's names and meanings where the library can carry
-// them out.
+// What a retra-fetch command line asks for, checked and converted: the request options the tools
+// share (RetraTool::RequestOptions), and what retra-fetch does with the requests.
 //
 //   retra-fetch -H 'Accept: text/plain' -m 10 http://127.0.0.1:8080/a http://127.0.0.1:8080/b
-struct FetchOptions {
-  std::vector<std::string> urls;                             // in the order given; no URL twice
-  Retra::Method method = Retra::GET;                         // -X; POST when -d is given without -X
-  std::vector<std::pair<std::string, std::string>> headers;  // -H, name and value
-  std::optional<std::string> body;                           // -d TEXT, or the contents of -d @FILE
-  Retra::HttpAuthenticationType authType = Retra::authNone;  // -u with --basic or --digest
-  std::string username;
-  std::string password;
-  bool insecure = false;                   // -k: no certificate or host name check
-  std::string pinnedPublicKey;             // --pinnedpubkey, as libcurl takes it
-  std::string outputFile;                  // -o, for a single URL ("-" is standard output)
-  std::string outputDir;                   // --output-dir: every body into a file there
-  std::optional<uint16_t> connectTimeout;  // --connect-timeout, whole seconds
-  std::optional<uint16_t> maxTime;         // -m, whole seconds; 0 is no overall limit
-  std::optional<uint32_t> refresh;         // --refresh, seconds between fetches
-  bool verbose = false;                    // -v
-  std::optional<std::string> dnsServers;   // --dns-servers, the resolver's servers
-  bool include = false;                    // -i
-  bool silent = false;                     // -s
-  bool watch = false;                      // --watch
-  std::optional<uint32_t> count;           // --count, fetches of each request when watching
-  bool stats = false;                      // --stats
-  bool json = false;                       // --json
+struct FetchOptions : RetraTool::RequestOptions {
+  std::vector<std::string> urls;          // in the order given; no URL twice
+  std::string outputDir;                  // --output-dir: every body into a file there
+  bool verbose = false;                   // -v
+  std::optional<std::string> dnsServers;  // --dns-servers, the resolver's servers
+  bool include = false;                   // -i
+  bool silent = false;                    // -s
+  bool watch = false;                     // --watch
+  std::optional<uint32_t> count;          // --count, fetches of each request when watching
+  bool stats = false;                     // --stats
+  bool json = false;                      // --json
 };
 
 // The outcome of reading a command line: options to run with, a text to print before exiting

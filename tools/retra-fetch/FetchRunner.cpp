@@ -10,13 +10,14 @@
 #include <system_error>
 #include <utility>
 
+#include "Dnsr/ResolutionRecordDir.h"
 #include "Orb/ActivityManager.h"
 #include "Orb/Trace.h"
 #include "Retra/engine/RetraSm.h"
 #include "Retra/model/RequestDir.h"
-#include "retra-fetch/ExitCode.h"
 #include "retra-fetch/FetchOutput.h"
-#include "retra-fetch/ResponseJson.h"
+#include "toolkit/ExitCode.h"
+#include "toolkit/ResponseJson.h"
 
 namespace RetraFetch {
 namespace {
@@ -42,30 +43,6 @@ uint64_t fileSize(const std::string& path) {
 }
 
 }  // namespace
-
-// Hears of responses as they appear in the response directory.
-class FetchRunner::DirectoryWatch : public Retra::ResponseDir::NotifieeConst {
- public:
-  explicit DirectoryWatch(FetchRunner* runner) : runner_(runner) {}
-  void onResponse(const Retra::RequestKey& key) override { runner_->handleResponse(key); }
-
- private:
-  FetchRunner* runner_;
-};
-
-// Hears of one response reaching stateFinished.
-class FetchRunner::ResponseWatch : public Retra::Response::NotifieeConst {
- public:
-  ResponseWatch(FetchRunner* runner, size_t index) : runner_(runner), index_(index) {}
-  void onRequestState() override {
-    const Retra::Response* response = notifierPtr();
-    if (response && response->finished()) runner_->handleFinished(index_, *response);
-  }
-
- private:
-  FetchRunner* runner_;
-  size_t index_;
-};
 
 FetchRunner::FetchRunner(FetchOptions options, std::ostream& out, std::ostream& err, bool terminal)
     : options_(std::move(options)),
@@ -102,8 +79,9 @@ void FetchRunner::start() {
 
   root_ = Orb::allocate<Retra::Root>("retra");
   recovery_ = Retra::ParkedResponseRecovery::ParkedResponseRecoveryIs(root_->retraSm());
-  directoryWatch_ = Orb::allocate<DirectoryWatch>(this);
-  directoryWatch_->notifierIs(root_->retraResponse());
+  finishWatch_ = Retra::FetchFinishWatch::FetchFinishWatchIs(
+      root_->retraResponse(),
+      [this](const Retra::Response& response) { handleFinished(response); });
 
   const std::vector<Retra::Request> requests = requestsFor(options_);
   slots_.resize(requests.size());
@@ -137,10 +115,7 @@ void FetchRunner::loop() {
 }
 
 void FetchRunner::stop() {
-  for (Slot& slot : slots_) {
-    if (slot.watch) slot.watch->notifierIs(static_cast<const Retra::Response*>(nullptr));
-  }
-  directoryWatch_->notifierIs(static_cast<const Retra::ResponseDir*>(nullptr));
+  finishWatch_ = nullptr;
   if (Orb::Ptr<Retra::RetraSm> engine = root_->retraSm()) {
     engine->shutdown();
     retainUntilExit(engine);
@@ -151,35 +126,36 @@ void FetchRunner::stop() {
   (void)manager->runUntil([manager] { return manager->liveHandles() == 0; }, 2.0);
 }
 
-void FetchRunner::handleResponse(const Retra::RequestKey& key) {
-  auto it = index_.find(key);
+void FetchRunner::handleFinished(const Retra::Response& response) {
+  auto it = index_.find(response.requestKey());
   if (it == index_.end()) return;
-  Slot& slot = slots_[it->second];
-  Orb::Ptr<Retra::Response> response = root_->retraResponse()->response(key);
-  if (!response) {
-    slot.watch = nullptr;
-    return;
-  }
-  if (slot.watch && slot.watch->notifierPtr() == response.ptr()) return;
-  slot.watch = Orb::allocate<ResponseWatch>(this, it->second);
-  slot.watch->notifierIs(response);
-}
-
-void FetchRunner::handleFinished(size_t index, const Retra::Response& response) {
+  const size_t index = it->second;
   Slot& slot = slots_[index];
   ++slot.fetches;
   const bool wanted =
       options_.watch ? !options_.count || slot.fetches <= *options_.count : slot.fetches == 1;
   if (!wanted) return;
-  FetchReport report = reportOf(response, slot.before);
+  FetchReport report = reportOf(response, slot.before, resolveSecondsOf(response));
   report.index = index;
   report.fetch = slot.fetches;
-  if (options_.json) report.json = jsonLine(responseJson(response));
+  if (options_.json) {
+    nlohmann::ordered_json object = RetraTool::responseJson(response);
+    object["timer"]["resolve"] = report.resolveSeconds;
+    report.json = RetraTool::jsonLine(object);
+  }
   slot.before = snapshotOf(response);
   slot.bytesReported += report.bytes;
   if (slot.fetches == 1) slot.firstError = report.error;
   if (!options_.watch || (options_.count && slot.fetches >= *options_.count)) slot.done = true;
   reports_.push_back(std::move(report));
+}
+
+double FetchRunner::resolveSecondsOf(const Retra::Response& response) const {
+  // An address needs no look-up: its host stays empty.
+  if (response.host().empty() || !root_->dnsrRecord()) return 0;
+  const Orb::Ptr<const Dnsr::ResolutionRecord> record =
+      std::as_const(*root_->dnsrRecord()).record(Orb::Name(response.host()));
+  return record ? record->lastLookupDuration() : 0;
 }
 
 void FetchRunner::flushReports() {
@@ -188,7 +164,7 @@ void FetchRunner::flushReports() {
     reports_.pop_front();
     clearProgress();
     if (report.error != Retra::errNone && !firstFailureSeen_) {
-      firstFailureSeen_ = exitCodeFor(report.error);
+      firstFailureSeen_ = RetraTool::exitCodeFor(report.error);
     }
     if (options_.json) {
       out_ << report.json << std::flush;
@@ -261,7 +237,7 @@ uint64_t FetchRunner::bytesReceived() const {
   uint64_t bytes = 0;
   for (const Slot& slot : slots_) {
     bytes += slot.bytesReported;
-    const Retra::Response* response = slot.watch ? slot.watch->notifierPtr() : nullptr;
+    const Orb::Ptr<Retra::Response> response = root_->retraResponse()->response(slot.key);
     if (!response || response->finished()) continue;
     bytes += response->outputPath().empty() ? response->body().size()
                                             : fileSize(response->outputPath().str());
@@ -270,12 +246,12 @@ uint64_t FetchRunner::bytesReceived() const {
 }
 
 int FetchRunner::exitStatus() const {
-  if (options_.watch) return firstFailureSeen_.value_or(exitOk);
+  if (options_.watch) return firstFailureSeen_.value_or(RetraTool::exitOk);
   for (const Slot& slot : slots_) {
-    if (slot.unfinished) return exitUnfinished;
-    if (slot.firstError != Retra::errNone) return exitCodeFor(slot.firstError);
+    if (slot.unfinished) return RetraTool::exitUnfinished;
+    if (slot.firstError != Retra::errNone) return RetraTool::exitCodeFor(slot.firstError);
   }
-  return exitOk;
+  return RetraTool::exitOk;
 }
 
 }  // namespace RetraFetch

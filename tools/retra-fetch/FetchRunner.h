@@ -12,6 +12,7 @@
 #include "Orb/Seconds.h"
 #include "Retra/engine/ParkedResponseRecovery.h"
 #include "Retra/engine/Root.h"
+#include "Retra/model/FetchFinishWatch.h"
 #include "Retra/model/RequestKey.h"
 #include "Retra/model/Response.h"
 #include "Retra/model/ResponseDir.h"
@@ -33,9 +34,9 @@ namespace RetraFetch {
 //   RetraFetch::FetchRunner runner(line.options, std::cout, std::cerr, isatty(2));
 //   return runner.run();
 //
-// Reports are taken from a response the moment it reaches stateFinished, because a refresh may
-// reset it before the loop turn ends. The runner's observers join the response directory after
-// the engine's, so they see a finished response after the engine has stamped its times.
+// Reports are taken from a response the moment it reaches stateFinished (a
+// `Retra::FetchFinishWatch`, created after the root, so the engine has stamped its times), because
+// a refresh may reset it before the loop turn ends.
 class FetchRunner {
  public:
   FetchRunner(FetchOptions options, std::ostream& out, std::ostream& err, bool terminal);
@@ -48,13 +49,9 @@ class FetchRunner {
   [[nodiscard]] int run();
 
  private:
-  class DirectoryWatch;
-  class ResponseWatch;
-
-  // One URL: its request, the observer of its response and what has been reported so far.
+  // One URL: its request and what has been reported so far.
   struct Slot {
     Retra::RequestKey key;
-    Orb::Ptr<ResponseWatch> watch;
     StatsSnapshot before;  // counter and timer values after the last reported fetch
     unsigned fetches = 0;
     uint64_t bytesReported = 0;
@@ -68,10 +65,11 @@ class FetchRunner {
   void loop();
   void stop();
 
-  // From the observers.
-  void handleResponse(const Retra::RequestKey& key);
-  void handleFinished(size_t index, const Retra::Response& response);
+  // From the watch.
+  void handleFinished(const Retra::Response& response);
 
+  // How long the resolver's latest look-up of the response's host took; 0 for an address.
+  [[nodiscard]] double resolveSecondsOf(const Retra::Response& response) const;
   void flushReports();
   void writeBody(const FetchReport& report);
   void drawProgress(bool force);
@@ -89,7 +87,7 @@ class FetchRunner {
   // Restarts responses a change of their host's addresses left parked (in watch mode a DNS
   // outage would otherwise stop their refreshes).
   Orb::Ptr<Retra::ParkedResponseRecovery> recovery_;
-  Orb::Ptr<DirectoryWatch> directoryWatch_;
+  Orb::Ptr<Retra::FetchFinishWatch> finishWatch_;
   std::vector<Slot> slots_;
   std::unordered_map<Retra::RequestKey, size_t> index_;
   std::deque<FetchReport> reports_;  // finished, not yet written

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "retra-fetch/ExitCode.h"
 #include "retra-fetch/FetchOptions.h"
 #include "retra-fetch/FetchRunner.h"
+#include "toolkit/ExitCode.h"
 
 int main(int argc, char** argv) {
   const RetraFetch::CommandLine line =
@@ -17,11 +17,11 @@ int main(int argc, char** argv) {
   switch (line.outcome) {
     case RetraFetch::CommandLine::Outcome::exit:
       std::cout << line.message;
-      return RetraFetch::exitOk;
+      return RetraTool::exitOk;
     case RetraFetch::CommandLine::Outcome::usageError:
       std::cerr << "retra-fetch: " << line.message << "\n"
                 << "Try 'retra-fetch --help' for more information.\n";
-      return RetraFetch::exitUsage;
+      return RetraTool::exitUsage;
     case RetraFetch::CommandLine::Outcome::run:
       break;
   }
@@ -30,6 +30,6 @@ int main(int argc, char** argv) {
     return runner.run();
   } catch (const std::exception& e) {
     std::cerr << "retra-fetch: " << e.what() << "\n";
-    return RetraFetch::exitFailure;
+    return RetraTool::exitFailure;
   }
 }

@@ -222,7 +222,7 @@ void Service::runBatch(ClientSession& session, std::vector<ClientSession::Incomi
         session.reply(m.id, ReplyCode::ok, {});
         break;
       case MessageType::ping:
-        session.reply(m.id, ReplyCode::ok, "pong");
+        session.reply(m.id, ReplyCode::ok, version());
         break;
       case MessageType::hello:
         session.reply(m.id, ReplyCode::handshake, "hello was said already");

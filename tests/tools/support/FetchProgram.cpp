@@ -18,8 +18,12 @@ std::vector<std::string> linesOf(const std::string& text) {
 
 // Through the shell, each argument single-quoted; timeout(1) kills it after two minutes.
 FetchRun runFetch(const std::vector<std::string>& args) {
+  return runProgram(RETRA_FETCH_PROGRAM, args);
+}
+
+FetchRun runProgram(const std::string& program, const std::vector<std::string>& args) {
   RetraTest::TempDir dir("retra-fetch-run");
-  std::string command = "timeout -s KILL 120 " RETRA_FETCH_PROGRAM;
+  std::string command = "timeout -s KILL 120 " + program;
   for (const std::string& arg : args) {
     command += " '";
     for (const char c : arg) command += c == '\'' ? std::string("'\\''") : std::string(1, c);

@@ -1,4 +1,4 @@
-#include "retra-fetch/ResponseJson.h"
+#include "toolkit/ResponseJson.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -10,7 +10,7 @@
 #include "Orb/String.h"
 #include "Retra/model/RequestKey.h"
 
-namespace RetraFetch {
+namespace RetraTool {
 namespace {
 
 using Json = nlohmann::ordered_json;
@@ -52,24 +52,24 @@ Json valueJson(const Orb::HashMap<Address, bool>& addresses) {
   return array;
 }
 
-#define RETRA_FETCH_JSON_MEMBER(kind, name, ...) object[#name] = valueJson(entity->name());
+#define RETRA_TOOL_JSON_MEMBER(kind, name, ...) object[#name] = valueJson(entity->name());
 
 Json valueJson(const Orb::Ptr<Retra::RequestCounter>& counter) {
   Orb::Ptr<Retra::RequestCounter> entity =
       counter ? counter : Orb::allocate<Retra::RequestCounter>();
   Json object = Json::object();
-  RETRA_REQUEST_COUNTER_ATTRIBUTES(RETRA_FETCH_JSON_MEMBER)
+  RETRA_REQUEST_COUNTER_ATTRIBUTES(RETRA_TOOL_JSON_MEMBER)
   return object;
 }
 
 Json valueJson(const Orb::Ptr<Retra::RequestTimer>& timer) {
   Orb::Ptr<Retra::RequestTimer> entity = timer ? timer : Orb::allocate<Retra::RequestTimer>();
   Json object = Json::object();
-  RETRA_REQUEST_TIMER_ATTRIBUTES(RETRA_FETCH_JSON_MEMBER)
+  RETRA_REQUEST_TIMER_ATTRIBUTES(RETRA_TOOL_JSON_MEMBER)
   return object;
 }
 
-#undef RETRA_FETCH_JSON_MEMBER
+#undef RETRA_TOOL_JSON_MEMBER
 
 // One entry per attribute of the response's declaration; `doReset` is an operation, no value.
 void put(Json& object, const char* name, const Json& value) {
@@ -84,27 +84,38 @@ void putBody(Json& object, const Orb::String& body) {
   }
 }
 
-#define RETRA_FETCH_RESPONSE_MEMBER(kind, name, ...) RETRA_FETCH_RESPONSE_##kind(name)
-#define RETRA_FETCH_RESPONSE_OPERATION(name)
-#define RETRA_FETCH_RESPONSE_ANY(name)              \
-  if (std::string_view(#name) == "body") {          \
-    putBody(object, response.body());               \
-  } else {                                          \
-    put(object, #name, valueJson(response.name())); \
+#define RETRA_TOOL_RESPONSE_MEMBER(kind, name, ...) RETRA_TOOL_RESPONSE_##kind(name)
+#define RETRA_TOOL_RESPONSE_OPERATION(name)
+#define RETRA_TOOL_RESPONSE_ANY(name)                 \
+  if (only.empty() || only == #name) {                \
+    if (std::string_view(#name) == "body") {          \
+      putBody(object, response.body());               \
+    } else {                                          \
+      put(object, #name, valueJson(response.name())); \
+    }                                                 \
   }
-#define RETRA_FETCH_RESPONSE_FIXED(name) RETRA_FETCH_RESPONSE_ANY(name)
-#define RETRA_FETCH_RESPONSE_DERIVED(name) RETRA_FETCH_RESPONSE_ANY(name)
-#define RETRA_FETCH_RESPONSE_SCALAR(name) RETRA_FETCH_RESPONSE_ANY(name)
-#define RETRA_FETCH_RESPONSE_COUNTER(name) RETRA_FETCH_RESPONSE_ANY(name)
-#define RETRA_FETCH_RESPONSE_COLLECTION(name) RETRA_FETCH_RESPONSE_ANY(name)
-#define RETRA_FETCH_RESPONSE_CHILD(name) RETRA_FETCH_RESPONSE_ANY(name)
+#define RETRA_TOOL_RESPONSE_FIXED(name) RETRA_TOOL_RESPONSE_ANY(name)
+#define RETRA_TOOL_RESPONSE_DERIVED(name) RETRA_TOOL_RESPONSE_ANY(name)
+#define RETRA_TOOL_RESPONSE_SCALAR(name) RETRA_TOOL_RESPONSE_ANY(name)
+#define RETRA_TOOL_RESPONSE_COUNTER(name) RETRA_TOOL_RESPONSE_ANY(name)
+#define RETRA_TOOL_RESPONSE_COLLECTION(name) RETRA_TOOL_RESPONSE_ANY(name)
+#define RETRA_TOOL_RESPONSE_CHILD(name) RETRA_TOOL_RESPONSE_ANY(name)
+
+// Every attribute, or the one named `only`.
+Json attributesJson(const Retra::Response& response, std::string_view only) {
+  Json object = Json::object();
+  RETRA_RESPONSE_ATTRIBUTES(RETRA_TOOL_RESPONSE_MEMBER)
+  return object;
+}
 
 }  // namespace
 
 Json responseJson(const Retra::Response& response) {
-  Json object = Json::object();
-  RETRA_RESPONSE_ATTRIBUTES(RETRA_FETCH_RESPONSE_MEMBER)
-  return object;
+  return attributesJson(response, {});
+}
+
+Json attributeJson(const Retra::Response& response, std::string_view name) {
+  return name.empty() ? Json::object() : attributesJson(response, name);
 }
 
 std::string jsonLine(const Json& object) {
@@ -169,4 +180,4 @@ std::string base64(std::string_view bytes) {
   return out;
 }
 
-}  // namespace RetraFetch
+}  // namespace RetraTool
