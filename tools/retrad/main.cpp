@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <iostream>
+#include <memory>
 #include <stdexcept>
 
 #include "Orb/ActivityManager.h"
@@ -12,6 +13,7 @@
 #include "Orb/FileDescriptor.h"
 #include "Orb/Trace.h"
 #include "retrad/Service.h"
+#include "retrad/ServiceMetrics.h"
 #include "retrad/ServiceTrace.h"
 
 namespace {
@@ -68,6 +70,10 @@ int main(int argc, char** argv) {
 
   try {
     Retrad::Service service(line.options);
+    std::unique_ptr<Retrad::ServiceMetrics> metrics;
+    if (!line.options.metricsListen.empty()) {
+      metrics = std::make_unique<Retrad::ServiceMetrics>(service, line.options.metricsListen);
+    }
     auto fd = Orb::allocate<Orb::FileDescriptor>(Orb::Name("retradSignals"));
     fd->descriptorIs(signalFd);
     fd->notifyOnReadableIs(true);
@@ -76,6 +82,7 @@ int main(int argc, char** argv) {
     while (!watch->stopping) {
       (void)Orb::activityManager()->runUntil([&] { return watch->stopping; }, 3600);
     }
+    metrics.reset();
     service.shutdown();
     watch->notifierIs(nullptr);
     fd->descriptorIs(-1);
