@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "Orb/ActivityManager.h"
+#include "Retra/engine/RequestUri.h"
 #include "metrics/Exposition.h"
 
 namespace RetraMetrics {
@@ -61,6 +62,15 @@ FetchRecord::Totals FetchRecord::totalsNow() const {
   return totals;
 }
 
+int FetchRecord::ipProtocolOf(const Retra::Response& response) {
+  // Resolved hosts: libcurl is given the IPv6 addresses first. Address literals are not resolved.
+  if (!response.ip6Address().empty()) return 6;
+  if (!response.ipAddress().empty()) return 4;
+  const auto uri = Retra::RequestUri::parsed(response.uri());
+  if (!uri || !uri->hostIsAddress) return 0;
+  return uri->host.view().find(':') != std::string_view::npos ? 6 : 4;
+}
+
 double FetchRecord::resolveSeconds(const Retra::Response&) const {
   return 0;
 }
@@ -82,7 +92,7 @@ void FetchRecord::fetchFinished() {
   last.duration = total + last.resolve;
   last.contentLength = response.contentLengthDownload();
   last.redirects = now.redirects - previous_.redirects;
-  last.ipProtocol = !response.ip6Address().empty() ? 6 : !response.ipAddress().empty() ? 4 : 0;
+  last.ipProtocol = ipProtocolOf(response);
   lastFetch_ = last;
   previous_ = now;
   ++fetches_;

@@ -45,7 +45,7 @@ class FetchRecord : public Retra::Response::NotifieeConst {
     double duration = 0;  // the whole fetch, look-up included
     long long contentLength = -1;
     uint32_t redirects = 0;
-    int ipProtocol = 0;  // 6 when IPv6 addresses were offered (tried first), 4 for IPv4, else 0
+    int ipProtocol = 0;  // of the address literal, or of the addresses tried first; 0: none
   };
 
   FetchRecord(uint32_t uid, Orb::Ptr<const Dnsr::ResolutionRecordDir> resolverRecords);
@@ -75,6 +75,7 @@ class FetchRecord : public Retra::Response::NotifieeConst {
   };
 
   [[nodiscard]] Totals totalsNow() const;
+  [[nodiscard]] static int ipProtocolOf(const Retra::Response& response);
   [[nodiscard]] double resolveSeconds(const Retra::Response& response) const;
   void fetchFinished();
 
