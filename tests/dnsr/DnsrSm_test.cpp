@@ -32,6 +32,7 @@ class Watch : public Dnsr::ResolutionRecord::NotifieeConst {
 
 TEST_F(DnsrSmTest, HostsResolveToWhatTheyHaveOrFailWithTheReasonAndAddressesComeFirst) {
   Dnsmasq dns(zone);
+  const Orb::Seconds before = Orb::System::currentTime();
   serviceIs(dns.server());
   for (const char* host : {"both.test", "many.test", "nosuch.test"}) requests_->requestIs(host, 1);
   std::string seenAtValid;
@@ -46,6 +47,14 @@ TEST_F(DnsrSmTest, HostsResolveToWhatTheyHaveOrFailWithTheReasonAndAddressesCome
   EXPECT_EQ(seenAtValid, "valid errNone 192.0.2.10 2001:db8::10");
   EXPECT_EQ(state("many.test"), "valid errNone 192.0.2.41 192.0.2.42 2001:db8::41 2001:db8::42");
   EXPECT_EQ(state("nosuch.test"), "invalid errNoSuchName");
+  // Each look-up, failed ones too, says when it started and how long it took.
+  const Orb::Seconds after = Orb::System::currentTime();
+  for (const auto& [name, record] : *records_) {
+    EXPECT_GT(record->lastLookupDuration(), 0.0) << name;
+    EXPECT_LT(record->lastLookupDuration(), after - before) << name;
+    EXPECT_GE(record->lastLookupTime(), before) << name;
+    EXPECT_LE(record->lastLookupTime() + record->lastLookupDuration(), after) << name;
+  }
 }
 
 // The first server never answers: each query is passed on to the next.
@@ -58,9 +67,11 @@ TEST_F(DnsrSmTest, RefreshFollowsChangedAnswersAndFailedOnesOnlyReportAsRefreshE
   auto record = records_->record("both.test");
   auto watch = Orb::allocate<Watch>();
   watch->notifierIs(record);
+  const Orb::Seconds firstLookup = record->lastLookupTime();
   dns.hostsIs("192.0.2.11 both.test\n");
   ASSERT_TRUE(runUntil([&] { return state("both.test") == "valid errNone 192.0.2.11"; }));
-  dns.hostsIs("192.0.2.20 v4only.test\n");  // both.test is gone: NXDOMAIN
+  EXPECT_GT(record->lastLookupTime(), firstLookup);  // refreshes are timed too
+  dns.hostsIs("192.0.2.20 v4only.test\n");           // both.test is gone: NXDOMAIN
   ASSERT_TRUE(runUntil([&] { return record->lastRefreshError() == Dnsr::errNoSuchName; }));
   EXPECT_EQ(state("both.test"), "valid errNone 192.0.2.11");
   dns.stop();  // the servers go away: the record stands as it was

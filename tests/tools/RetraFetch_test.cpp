@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "dnsr/support/Dnsmasq.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/NginxServer.h"
 #include "support/TempDir.h"
@@ -37,7 +38,10 @@ TEST(RetraFetchTest, OutputFollowsTheOptions) {
   const std::string missing = nginx.httpUrl("/status/404");
 
   const FetchRun plain = runFetch({"-m", kLimit, missing, small, redirect});
-  const FetchRun include = runFetch({"-i", "--stats", "-m", kLimit, small});
+  DnsrTest::Dnsmasq dns(DnsrTest::Dnsmasq::namesOn("127.0.0.1", 1));
+  const std::string named = "http://h0.test:" + std::to_string(nginx.port()) + "/small.txt";
+  const FetchRun include =
+      runFetch({"-i", "--stats", "--dns-servers", dns.server(), "-m", kLimit, named});
   const FetchRun silent = runFetch({"-s", "-m", kLimit, small});
   const FetchRun many = runFetch({"--output-dir", dir.path("many"), "-m", kLimit, small, redirect});
 
@@ -58,6 +62,10 @@ TEST(RetraFetchTest, OutputFollowsTheOptions) {
       << include.out;
   EXPECT_TRUE(include.out.ends_with("\n\n" + NginxServer::smallText()));
   EXPECT_TRUE(contains(include.err, "  bytesDownload ")) << include.err;  // --stats
+  // The resolver's look-up of h0.test leads the phases.
+  const size_t resolve = include.err.find("\n  resolve ");
+  ASSERT_NE(resolve, std::string::npos) << include.err;
+  EXPECT_GT(std::stod(include.err.substr(resolve + 10)), 0.0) << include.err;
 
   EXPECT_EQ(silent.err, "");
   EXPECT_EQ(silent.out, NginxServer::smallText());
@@ -83,6 +91,7 @@ TEST(RetraFetchTest, WatchWithCountReportsEveryFetchUntilTheCount) {
     EXPECT_EQ(fetches[i]["body"], "tick");                           // each fetch starts afresh
     EXPECT_EQ(fetches[i]["numRequest"], i + 1);                      // one more dispatch per fetch
     EXPECT_EQ(fetches[i]["counter"]["bytesDownload"], 4 * (i + 1));  // adds up
+    EXPECT_EQ(fetches[i]["timer"]["resolve"], 0.0);                  // an address: no look-up
   }
   // Each summary line tells its own fetch's share.
   for (const std::string& line : linesOf(json.err))

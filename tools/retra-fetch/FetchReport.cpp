@@ -19,6 +19,16 @@ StatRow statRow(const char* name, double now, double before, bool seconds) {
   return row;
 }
 
+// One look-up may serve several fetches and requests: its time is the latest, not summed.
+StatRow resolveRow(double seconds) {
+  StatRow row;
+  row.name = "resolve";
+  row.fetch = row.all = seconds;
+  row.summed = false;
+  row.seconds = true;
+  return row;
+}
+
 std::vector<StatRow> counterRows(const StatsSnapshot::Counter& now,
                                  const StatsSnapshot::Counter& before) {
   std::vector<StatRow> rows;
@@ -50,7 +60,8 @@ StatsSnapshot snapshotOf(const Retra::Response& response) {
   return snapshot;
 }
 
-FetchReport reportOf(const Retra::Response& response, const StatsSnapshot& before) {
+FetchReport reportOf(const Retra::Response& response, const StatsSnapshot& before,
+                     double resolveSeconds) {
   const StatsSnapshot now = snapshotOf(response);
   FetchReport report;
   report.method = response.method();
@@ -67,7 +78,9 @@ FetchReport reportOf(const Retra::Response& response, const StatsSnapshot& befor
     report.headers.emplace_back(name.str(), value.str());
   }
   std::sort(report.headers.begin(), report.headers.end());
+  report.resolveSeconds = resolveSeconds;
   report.timers = timerRows(now.timer, before.timer);
+  report.timers.insert(report.timers.begin(), resolveRow(resolveSeconds));
   report.counters = counterRows(now.counter, before.counter);
   return report;
 }

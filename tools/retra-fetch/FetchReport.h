@@ -60,13 +60,17 @@ struct FetchReport {
   std::string body;            // empty when the body went to a file
   std::string outputPath;
   std::vector<std::pair<std::string, std::string>> headers;  // received, sorted by name
-  std::vector<StatRow> timers;
+  double resolveSeconds = 0;    // the resolver's latest look-up of the host; 0 for an address
+  std::vector<StatRow> timers;  // "resolve", then the timer's phases
   std::vector<StatRow> counters;
   std::string json;  // the response as one line of JSON, when asked for
 };
 
 // The report of the fetch that just finished on `response`; `before` holds the values the
-// previous fetch of the same request left (all zero for the first).
-[[nodiscard]] FetchReport reportOf(const Retra::Response& response, const StatsSnapshot& before);
+// previous fetch of the same request left (all zero for the first). `resolveSeconds` is how long
+// the resolver's latest look-up of the response's host took (its record's `lastLookupDuration`):
+// the library's own name resolution, which the timer's `hostLookup` does not see.
+[[nodiscard]] FetchReport reportOf(const Retra::Response& response, const StatsSnapshot& before,
+                                   double resolveSeconds = 0);
 
 }  // namespace RetraFetch

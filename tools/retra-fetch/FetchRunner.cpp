@@ -10,6 +10,7 @@
 #include <system_error>
 #include <utility>
 
+#include "Dnsr/ResolutionRecordDir.h"
 #include "Orb/ActivityManager.h"
 #include "Orb/Trace.h"
 #include "Retra/engine/RetraSm.h"
@@ -171,15 +172,27 @@ void FetchRunner::handleFinished(size_t index, const Retra::Response& response) 
   const bool wanted =
       options_.watch ? !options_.count || slot.fetches <= *options_.count : slot.fetches == 1;
   if (!wanted) return;
-  FetchReport report = reportOf(response, slot.before);
+  FetchReport report = reportOf(response, slot.before, resolveSecondsOf(response));
   report.index = index;
   report.fetch = slot.fetches;
-  if (options_.json) report.json = jsonLine(responseJson(response));
+  if (options_.json) {
+    nlohmann::ordered_json object = responseJson(response);
+    object["timer"]["resolve"] = report.resolveSeconds;
+    report.json = jsonLine(object);
+  }
   slot.before = snapshotOf(response);
   slot.bytesReported += report.bytes;
   if (slot.fetches == 1) slot.firstError = report.error;
   if (!options_.watch || (options_.count && slot.fetches >= *options_.count)) slot.done = true;
   reports_.push_back(std::move(report));
+}
+
+double FetchRunner::resolveSecondsOf(const Retra::Response& response) const {
+  // An address needs no look-up: its host stays empty.
+  if (response.host().empty() || !root_->dnsrRecord()) return 0;
+  const Orb::Ptr<const Dnsr::ResolutionRecord> record =
+      std::as_const(*root_->dnsrRecord()).record(Orb::Name(response.host()));
+  return record ? record->lastLookupDuration() : 0;
 }
 
 void FetchRunner::flushReports() {

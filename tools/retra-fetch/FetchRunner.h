@@ -72,6 +72,8 @@ class FetchRunner {
   void handleResponse(const Retra::RequestKey& key);
   void handleFinished(size_t index, const Retra::Response& response);
 
+  // How long the resolver's latest look-up of the response's host took; 0 for an address.
+  [[nodiscard]] double resolveSecondsOf(const Retra::Response& response) const;
   void flushReports();
   void writeBody(const FetchReport& report);
   void drawProgress(bool force);

@@ -19,6 +19,10 @@
 //                       failed; back to `errNone` when a refresh succeeds
 // lastRefreshErrorTime  when a refresh of a valid record last failed (`System::currentTime()`);
 //                       0 if none has, and kept when a later refresh succeeds
+// lastLookupDuration    how long the latest look-up took, in seconds of a monotonic clock: from
+//                       sending the queries to the answer, or to the failure or time-out
+// lastLookupTime        when the latest look-up started (`System::currentTime()`); 0 until one
+//                       has ended. Neither is written for an address literal, which needs none
 #define DNSR_RESOLUTION_RECORD_ATTRIBUTES(X)                                                     \
   X(FIXED, hostname, Orb::String)                                                                \
   X(SCALAR, valid, bool, validIs, onValid, false)                                                \
@@ -28,7 +32,10 @@
   X(COLLECTION, ip6Address, Ipkit::Ip6Addr, bool, ip6AddressIs, ip6AddressDel, ip6AddressDelAll, \
     onIp6Address, onIp6AddressImmediate)                                                         \
   X(SCALAR, lastRefreshError, unsigned, lastRefreshErrorIs, onLastRefreshError, 0u)              \
-  X(SCALAR, lastRefreshErrorTime, Orb::Seconds, lastRefreshErrorTimeIs, onLastRefreshErrorTime, 0.0)
+  X(SCALAR, lastRefreshErrorTime, Orb::Seconds, lastRefreshErrorTimeIs, onLastRefreshErrorTime,  \
+    0.0)                                                                                         \
+  X(SCALAR, lastLookupDuration, double, lastLookupDurationIs, onLastLookupDuration, 0.0)         \
+  X(SCALAR, lastLookupTime, Orb::Seconds, lastLookupTimeIs, onLastLookupTime, 0.0)
 
 namespace Dnsr {
 
@@ -37,13 +44,16 @@ namespace Dnsr {
 // entity name. The service is the only writer; clients observe.
 //
 // Each mutator notifies only on a real change, after the change: `onValid()`, `onLastError()`,
-// `onLastRefreshError()`, `onLastRefreshErrorTime()`, and for an address added, changed or
-// removed `onIpAddress(address)` (or `onIp6Address`) followed by `onIpAddressImmediate()`. The
-// service writes a successful answer's addresses before it clears `lastError` and sets `valid`,
-// so an observer of either sees them complete. Once `valid`, the record stays valid with
-// `lastError` `errNone` for good: a refresh that fails keeps the addresses and reports only in
-// `lastRefreshErrorTime` then `lastRefreshError`, and a refresh with other addresses changes only
-// the address sets, so observers of `valid` and `lastError` hear nothing of either.
+// `onLastRefreshError()`, `onLastRefreshErrorTime()`, `onLastLookupDuration()`,
+// `onLastLookupTime()`, and for an address added, changed or removed `onIpAddress(address)` (or
+// `onIp6Address`) followed by `onIpAddressImmediate()`. The service writes a successful answer's
+// addresses before it clears `lastError` and sets `valid`, so an observer of either sees them
+// complete. Every look-up that ends, refreshes and failures included, first stamps
+// `lastLookupDuration` then `lastLookupTime`, before any other change it brings, so an observer
+// of the outcome reads the timing of the look-up behind it. Once `valid`, the record stays valid
+// with `lastError` `errNone` for good: a refresh that fails keeps the addresses and reports only
+// in `lastRefreshErrorTime` then `lastRefreshError`, and a refresh with other addresses changes
+// only the address sets, so observers of `valid` and `lastError` hear nothing of either.
 //
 //   class Ready : public Dnsr::ResolutionRecord::NotifieeConst {
 //     void onValid() override {

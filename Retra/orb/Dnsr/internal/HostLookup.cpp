@@ -8,6 +8,7 @@
 
 #include "Dnsr/internal/DnsrTrace.h"
 #include "Orb/Ptr.h"
+#include "Orb/Seconds.h"
 
 namespace Dnsr::internal {
 
@@ -35,6 +36,8 @@ struct HostLookup::Query {
 
 void HostLookup::start(ares_channel channel) {
   started_ = true;
+  answer_.started = Orb::System::currentTime();
+  startedAt_ = std::chrono::steady_clock::now();
   // c-ares reads the name up to its first NUL: a name that has one cannot be asked for.
   if (host_.empty() || host_.view().find('\0') != std::string_view::npos) {
     answer_.ipStatus = answer_.ip6Status = ARES_EBADNAME;
@@ -126,6 +129,8 @@ void HostLookup::expire() {
 }
 
 void HostLookup::finished() {
+  answer_.duration =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - startedAt_).count();
   if (listener_) listener_->onLookupDone(this);
 }
 

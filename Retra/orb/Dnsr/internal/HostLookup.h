@@ -2,6 +2,8 @@
 
 #include <ares.h>
 
+#include <chrono>
+
 #include "Dnsr/internal/LookupAnswer.h"
 #include "Orb/PtrInterface.h"
 #include "Orb/String.h"
@@ -41,7 +43,7 @@ class HostLookup : public Orb::PtrInterface {
   [[nodiscard]] bool isCancelled() const noexcept { return listener_ == nullptr; }
 
   [[nodiscard]] bool isDone() const noexcept { return started_ && pending_ == 0; }
-  // The answer; meaningful once done.
+  // The answer, with when the look-up started and how long it took; meaningful once done.
   [[nodiscard]] const LookupAnswer& answer() const noexcept { return answer_; }
   [[nodiscard]] bool isFromHostsFile() const noexcept { return fromHostsFile_; }
 
@@ -56,6 +58,7 @@ class HostLookup : public Orb::PtrInterface {
   Orb::String host_;
   Listener* listener_;
   LookupAnswer answer_;
+  std::chrono::steady_clock::time_point startedAt_;  // the wall clock may step meanwhile
   int pending_ = 0;
   bool started_ = false;
   bool ipAnswered_ = false;

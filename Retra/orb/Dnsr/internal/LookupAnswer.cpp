@@ -38,6 +38,8 @@ ResolutionError LookupAnswer::error() const noexcept {
 }
 
 void answerApplied(ResolutionRecord& record, const LookupAnswer& answer, Orb::Seconds now) {
+  record.lastLookupDurationIs(answer.duration);
+  record.lastLookupTimeIs(answer.started);
   if (!answer.succeeded()) {
     if (record.valid()) {
       // The last good addresses stand: users of the record need not hear of an outage.

@@ -23,6 +23,8 @@ struct LookupAnswer {
   std::vector<Ipkit::IpAddr> ip;
   std::vector<Ipkit::Ip6Addr> ip6;
   Orb::Seconds ttl = noTtl;  // shortest TTL of the addresses; 0 for the hosts file
+  Orb::Seconds started = 0;  // when the look-up started (`System::currentTime()`)
+  double duration = 0;       // seconds from the start to the answer, on a monotonic clock
 
   // Whether either family gave addresses.
   [[nodiscard]] bool succeeded() const noexcept { return !ip.empty() || !ip6.empty(); }
@@ -32,7 +34,8 @@ struct LookupAnswer {
   [[nodiscard]] ResolutionError error() const noexcept;
 };
 
-// Writes `answer`, found at time `now`, into `record`. On success each family whose query was
+// Writes `answer`, found at time `now`, into `record`: first the look-up's duration and start
+// time, whatever the outcome, then the outcome. On success each family whose query was
 // answered (with addresses or a definite "none") gets exactly its new addresses, a family whose
 // query failed keeps its old ones; then `lastRefreshError` and `lastError` become `errNone` and,
 // last, `valid` true. A failure of a valid record (a refresh) sets `lastRefreshErrorTime` to `now`
