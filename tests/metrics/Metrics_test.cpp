@@ -12,6 +12,7 @@
 #include "Orb/ActivityManager.h"
 #include "Retra/engine/Root.h"
 #include "Retra/remote/RemoteRoot.h"
+#include "dnsr/support/Dnsmasq.h"
 #include "metrics/Exposition.h"
 #include "metrics/FetchBook.h"
 #include "metrics/PageBuilder.h"
@@ -82,13 +83,17 @@ std::string labels(const std::string& uri) {
 // go or a series at a time, odd URIs are escaped, and each response shows its last fetch.
 TEST(MetricsPage, BothFormatsPassPromtoolEscapeLabelsAndShowTheLastFetch) {
   RetraTest::NginxServer nginx;
+  DnsrTest::Dnsmasq dns("127.0.0.1 web.test\n");
+  ::setenv("DNSR_SERVERS", dns.server().c_str(), 1);
   auto root = Orb::allocate<Retra::Root>("metricsPage");
+  ::unsetenv("DNSR_SERVERS");
   RetraMetrics::FetchBook book;
   book.userIs(::getuid(), root);
   const std::string served = nginx.httpUrl("/small.txt");
   const std::string refused = RetraTest::LoopbackHttpServer::refusingUrl();
   const std::string odd = "http://127.0.0.1:1/a\"b\\c\nd";
-  for (const std::string& uri : {served, refused, odd}) {
+  const std::string named = "http://web.test:" + std::to_string(nginx.port()) + "/small.txt";
+  for (const std::string& uri : {served, refused, odd, named}) {
     root->retraRequest()->requestIs(Retra::Request(Retra::RequestKey(Retra::GET, uri)));
   }
   ASSERT_TRUE(Orb::activityManager()->runUntil(
@@ -96,7 +101,7 @@ TEST(MetricsPage, BothFormatsPassPromtoolEscapeLabelsAndShowTheLastFetch) {
         for (const auto& [key, response] : root->retraResponse()->response()) {
           if (!response->finished()) return false;
         }
-        return root->retraResponse()->response().size() == 3;
+        return root->retraResponse()->response().size() == 4;
       },
       20));
 
@@ -119,6 +124,12 @@ TEST(MetricsPage, BothFormatsPassPromtoolEscapeLabelsAndShowTheLastFetch) {
   EXPECT_NE(text.find("probe_http_duration_seconds" + labels(served) + ",phase=\"connect\"} "),
             std::string::npos);
   EXPECT_NE(text.find("probe_success" + labels(refused) + "} 0\n"), std::string::npos);
+  // The resolver's look-up of the name is the fetch's resolve phase; it is part of the whole.
+  const std::string resolve =
+      "probe_http_duration_seconds" + labels(named) + ",phase=\"resolve\"} ";
+  ASSERT_NE(text.find(resolve), std::string::npos);
+  EXPECT_GT(std::stod(text.substr(text.find(resolve) + resolve.size())), 0.0);
+  EXPECT_NE(text.find("probe_success" + labels(named) + "} 1\n"), std::string::npos);
   EXPECT_NE(
       text.find("retra_fetch_errors_total" + labels(refused) + ",error=\"errConnRefused\"} 1\n"),
       std::string::npos);
@@ -128,7 +139,7 @@ TEST(MetricsPage, BothFormatsPassPromtoolEscapeLabelsAndShowTheLastFetch) {
   EXPECT_NE(text.find("probe_ip_protocol" + labels(served) + "} 4\n"), std::string::npos);
   EXPECT_NE(text.find("# TYPE retra_fetches_total counter\n"), std::string::npos);
   EXPECT_NE(text.find("retra_requests{uid=\"" + std::to_string(::getuid()) +
-                      "\",state=\"stateFinished\"} 3\n"),
+                      "\",state=\"stateFinished\"} 4\n"),
             std::string::npos);
   EXPECT_NE(text.find("\nretra_connected_clients 2\n"), std::string::npos);
   EXPECT_NE(text.find("\nretra_open_sockets 3\n"), std::string::npos);
@@ -145,6 +156,20 @@ TEST(MetricsPage, BothFormatsPassPromtoolEscapeLabelsAndShowTheLastFetch) {
   EXPECT_EQ(RetraMetrics::formatFor("text/plain;version=0.0.4"), Format::text);
   EXPECT_EQ(RetraMetrics::formatFor("application/openmetrics-text;q=0.2, text/plain"),
             Format::text);
+
+  // Fetched again, the served URL shows that fetch's timings, not the sum the timer keeps.
+  Retra::Request again(Retra::RequestKey(Retra::GET, served));
+  again.timeoutRefreshIs(1);
+  root->retraRequest()->requestIs(again);
+  const auto& records = book.users().begin()->second->records;
+  const auto record = records.find(again.requestKey())->second;
+  const uint64_t before = record->fetches();
+  ASSERT_TRUE(
+      Orb::activityManager()->runUntil([&] { return record->fetches() >= before + 2; }, 20));
+  const auto response = root->retraResponse()->response(again.requestKey());
+  EXPECT_GT(record->lastFetch()->duration, 0.0);
+  EXPECT_LT(record->lastFetch()->duration, response->timerIs()->total());
+  EXPECT_TRUE(record->lastFetch()->success);
   root->retraSm()->shutdown();
 }
 
