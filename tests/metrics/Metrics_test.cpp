@@ -21,6 +21,7 @@
 #include "support/LoopbackHttpServer.h"
 #include "support/NginxServer.h"
 #include "support/TempDir.h"
+#include "support/TimeScale.h"
 
 namespace {
 
@@ -103,7 +104,7 @@ TEST(MetricsPage, BothFormatsPassPromtoolEscapeLabelsAndShowTheLastFetch) {
         }
         return root->retraResponse()->response().size() == 4;
       },
-      20));
+      RetraTest::scaledSeconds(20)));
 
   const std::string text = pageOf(Format::text, book, 1 << 20);
   EXPECT_EQ(pageOf(Format::text, book, 1), text);
@@ -164,8 +165,8 @@ TEST(MetricsPage, BothFormatsPassPromtoolEscapeLabelsAndShowTheLastFetch) {
   const auto& records = book.users().begin()->second->records;
   const auto record = records.find(again.requestKey())->second;
   const uint64_t before = record->fetches();
-  ASSERT_TRUE(
-      Orb::activityManager()->runUntil([&] { return record->fetches() >= before + 2; }, 20));
+  ASSERT_TRUE(Orb::activityManager()->runUntil([&] { return record->fetches() >= before + 2; },
+                                               RetraTest::scaledSeconds(20)));
   const auto response = root->retraResponse()->response(again.requestKey());
   EXPECT_GT(record->lastFetch()->duration, 0.0);
   EXPECT_LT(record->lastFetch()->duration, response->timerIs()->total());
@@ -196,7 +197,7 @@ TEST(MetricsService, PrometheusScrapesRetrad) {
         }
         return finished == 2;
       },
-      20))
+      RetraTest::scaledSeconds(20)))
       << service.log();
 
   const Reply page = httpRequest("http://" + metrics + "/metrics");
@@ -210,8 +211,9 @@ TEST(MetricsService, PrometheusScrapesRetrad) {
   const std::string web = "127.0.0.1:" + std::to_string(RetraTest::LoopbackHttpServer::freePort());
   const std::string config =
       dir.write("prometheus.yml",
-                "global:\n  scrape_interval: 1s\nscrape_configs:\n  - job_name: retrad\n"
-                "    static_configs:\n      - targets: ['" +
+                "global:\n  scrape_interval: " + std::to_string(RetraTest::scaledSeconds(1)) +
+                    "s\nscrape_configs:\n  - job_name: retrad\n"
+                    "    static_configs:\n      - targets: ['" +
                     metrics + "']\n");
   RetraTest::ChildProcess prometheus(
       {"/usr/bin/prometheus", "--config.file=" + config, "--storage.tsdb.path=" + dir.path("db"),
@@ -231,7 +233,7 @@ TEST(MetricsService, PrometheusScrapesRetrad) {
     return values;
   };
   std::map<std::string, std::string> success;
-  for (int i = 0; i < 300 && success.size() < 2; ++i) {
+  for (int i = 0; i < 300 * RetraTest::timeScale() && success.size() < 2; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     success = query("probe_success");
   }
