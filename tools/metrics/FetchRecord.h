@@ -27,7 +27,8 @@ namespace RetraMetrics {
 //
 // The phases, in libcurl's terms: connect is the connect time; tls the handshake after it (0
 // without TLS); processing from the request sent to the first response byte; transfer from the
-// first byte to the end; resolve the resolver's look-up, when one ran for this fetch.
+// first byte to the end; resolve the host record's latest look-up when it started after this
+// fetch did (0 when the fetch found the addresses known, and for address literals).
 //
 // A record attached to a response that has already finished takes that finish as its first
 // fetch, with the timings summed so far as that fetch's share.
