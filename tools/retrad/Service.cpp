@@ -69,7 +69,9 @@ UserSpace& Service::userSpace(uid_t uid) {
       RETRAD_TRACE(1, "cannot make " << dir << ": " << std::strerror(errno));
     }
   }
-  return *spaces_.emplace(uid, std::make_unique<UserSpace>(uid)).first->second;
+  UserSpace& space = *spaces_.emplace(uid, std::make_unique<UserSpace>(uid)).first->second;
+  if (userSpaceAdded_) userSpaceAdded_(space);
+  return space;
 }
 
 void Service::accept(int descriptor) {

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -44,6 +45,10 @@ class Service {
   [[nodiscard]] const std::map<uid_t, std::unique_ptr<UserSpace>>& userSpaces() const noexcept {
     return spaces_;
   }
+  // Called with each user space the service adds, before any request is written into it.
+  void userSpaceAddedIs(std::function<void(UserSpace&)> added) {
+    userSpaceAdded_ = std::move(added);
+  }
 
   // For sessions: why a peer may not use this instance (empty when it may), the batch of one
   // read, and the end of a connection.
@@ -70,6 +75,7 @@ class Service {
   std::map<uid_t, std::unique_ptr<UserSpace>> spaces_;
   std::map<ClientSession*, Orb::Ptr<ClientSession>> sessions_;
   std::unique_ptr<ListenSocket> listener_;
+  std::function<void(UserSpace&)> userSpaceAdded_;
 };
 
 }  // namespace Retrad

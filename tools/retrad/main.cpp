@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <iostream>
+#include <memory>
 #include <stdexcept>
 
 #include "Orb/ActivityManager.h"
@@ -13,6 +14,7 @@
 #include "Orb/Trace.h"
 #include "retrad/ReadinessNotice.h"
 #include "retrad/Service.h"
+#include "retrad/ServiceMetrics.h"
 #include "retrad/ServiceTrace.h"
 
 namespace {
@@ -69,6 +71,10 @@ int main(int argc, char** argv) {
 
   try {
     Retrad::Service service(line.options);
+    std::unique_ptr<Retrad::ServiceMetrics> metrics;
+    if (!line.options.metricsListen.empty()) {
+      metrics = std::make_unique<Retrad::ServiceMetrics>(service, line.options.metricsListen);
+    }
     if (!Retrad::notifyReady())
       std::cerr << "retrad: could not tell the service manager it is ready\n";
     auto fd = Orb::allocate<Orb::FileDescriptor>(Orb::Name("retradSignals"));
@@ -79,6 +85,7 @@ int main(int argc, char** argv) {
     while (!watch->stopping) {
       (void)Orb::activityManager()->runUntil([&] { return watch->stopping; }, 3600);
     }
+    metrics.reset();
     service.shutdown();
     watch->notifierIs(nullptr);
     fd->descriptorIs(-1);
