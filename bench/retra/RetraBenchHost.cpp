@@ -13,6 +13,7 @@
 #include "Retra/model/Response.h"
 #include "Retra/model/ResponseDir.h"
 #include "common/BenchPlan.h"
+#include "retra/ResponseOutcome.h"
 
 namespace RetraBench {
 namespace {
@@ -102,19 +103,7 @@ void RetraBenchHost::writeRequests() {
 }
 
 void RetraBenchHost::handleFinished(size_t index, const Retra::Response& response) {
-  Outcome outcome;
-  outcome.index = index;
-  outcome.status = response.statusCode();
-  outcome.transferOk = response.lastError() == Retra::errNone;
-  if (!outcome.transferOk) {
-    outcome.error = Retra::stringValue(response.lastError()).str();
-    if (!response.lastErrorMessage().empty()) {
-      outcome.error += " (" + response.lastErrorMessage().str() + ")";
-    }
-  }
-  outcome.bodyBytes = response.body().size();
-  outcome.announcedLength = response.contentLengthDownload();
-  finishedQueue_.push_back(std::move(outcome));
+  finishedQueue_.push_back(responseOutcome(index, response));
   if (++finishedCount_ == options_.count) lastFinish_ = monotonicSeconds();
 }
 
