@@ -109,6 +109,10 @@ def main():
         results = {key: measure(case, settings) for key, case in cases.items()}
     finally:
         server.stop()
+    # The raw runs first, so that they survive a failure in the figures below.
+    with open(os.path.join(args.build, "bench-results.json"), "w") as out:
+        json.dump({key: {"label": r.case.label, "a": side_json(r.a), "b": side_json(r.b)}
+                   for key, r in results.items()}, out, indent=1)
     notes, targets = figures(results, sizes)
     elapsed = datetime.datetime.now() - started
 
@@ -129,9 +133,6 @@ def main():
     if not args.no_micro:
         print(micro(os.path.join(programs, "retra-micro"), args.micro_min_time))
 
-    with open(os.path.join(args.build, "bench-results.json"), "w") as out:
-        json.dump({key: {"label": r.case.label, "a": side_json(r.a), "b": side_json(r.b)}
-                   for key, r in results.items()}, out, indent=1)
     return 0
 
 

@@ -196,7 +196,7 @@ def figures(results, sizes):
                             "%.2f KiB/request, %.3f s CPU" % (
                                 service.a.reported("seconds"), service.b.reported("seconds"),
                                 service.a.reported("service_rss_growth_kib") / 1024,
-                                service.a.reported("service_rss_growth_kib") / n,
+                                service.a.reported("service_rss_growth_kib") / sizes.get_count,
                                 service.a.reported("service_cpu_seconds")))
     targets.append(Target("6. service wall time A/B", service_ratio, 1.30, True))
     return notes, targets
