@@ -54,6 +54,10 @@ ParsedCommandLine parseCommandLine(const std::string& program, int argc, char** 
     app.add_option("--window", options.window,
                    "add at most N easy handles to the multi handle at a time (0: all)");
   }
+  if (program == "retra-remote-bench") {
+    app.add_option("--retrad", options.retrad, "the service program to start and fetch through")
+        ->required();
+  }
   try {
     app.parse(argc, argv);
     options.urls = urlsFrom(source);

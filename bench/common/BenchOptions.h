@@ -26,6 +26,7 @@ struct BenchOptions {
   unsigned timeoutSeconds = 3600;      // connect and whole-transfer limit of every request
   size_t window = 0;                   // curl-baseline only: at most this many easy handles in
                                        // the multi handle at once (0: all at once)
+  std::string retrad;                  // retra-remote-bench only: the service program it starts
 };
 
 // What parsing the command line asks the program to do.
@@ -36,7 +37,8 @@ struct ParsedCommandLine {
   BenchOptions options;
 };
 
-// Reads argv. Help and usage errors are printed here (stdout and stderr).
+// Reads argv (retra-remote-bench also takes, and needs, --retrad PATH). Help and usage errors are
+// printed here (stdout and stderr).
 [[nodiscard]] ParsedCommandLine parseCommandLine(const std::string& program, int argc, char** argv);
 
 }  // namespace RetraBench

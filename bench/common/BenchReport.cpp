@@ -60,6 +60,12 @@ std::string jsonLine(const BenchReport& report) {
   line += ",\"system_seconds\":" + number(secondsOf(usage.ru_stime));
   line += ",\"peak_rss_kib\":" + std::to_string(usage.ru_maxrss);
   line += ",\"rss_now_kib\":" + std::to_string(residentKib());
+  if (report.serviceRssGrowthKib) {
+    line += ",\"service_rss_growth_kib\":" + std::to_string(*report.serviceRssGrowthKib);
+  }
+  if (report.serviceCpuSeconds) {
+    line += ",\"service_cpu_seconds\":" + number(*report.serviceCpuSeconds);
+  }
   line += std::string(",\"kept\":") + (report.kept ? "true" : "false");
   line += "}\n";
   return line;

@@ -24,6 +24,10 @@ struct BenchReport {
   double startSeconds = 0;                // bringing the client up, before the first write
   std::optional<double> teardownSeconds;  // taking it down again (absent with --keep)
   bool kept = false;
+  // retra-remote-bench only: the service's resident memory growth from before the first write
+  // to the last finish, and its CPU time (user + system) over its whole life.
+  std::optional<long> serviceRssGrowthKib;
+  std::optional<double> serviceCpuSeconds;
 };
 
 // The JSON line, newline included.

@@ -72,7 +72,7 @@ def side_json(side):
 
 
 def main():
-    parser = argparse.ArgumentParser(description="Retra against plain libcurl.")
+    parser = argparse.ArgumentParser(description="Retra against plain libcurl and through retrad.")
     parser.add_argument("--build", required=True, help="the build directory (RETRA_BENCH=ON)")
     parser.add_argument("--work", required=True, help="an empty scratch directory")
     parser.add_argument("--quick", action="store_true", help="fewer runs, smaller counts")
@@ -92,6 +92,8 @@ def main():
     programs = os.path.join(os.path.abspath(args.build), "bench")
     library = os.path.join(programs, "retra-bench")
     baseline = os.path.join(programs, "curl-baseline")
+    remote = [os.path.join(programs, "retra-remote-bench"), "--retrad",
+              os.path.join(os.path.abspath(args.build), "tools", "retrad", "retrad")]
     sizes = Sizes(args.quick)
     settings = Settings(args.runs or (2 if args.quick else 5),
                         args.budget or (20 if args.quick else 60), args.run_limit)
@@ -102,11 +104,15 @@ def main():
     server = NginxServer(os.path.join(work, "nginx"), os.path.join(work, "root"))
     server.start()
     try:
-        cases = build_cases(library, baseline, server, os.path.join(work, "out"), sizes,
+        cases = build_cases(library, baseline, remote, server, os.path.join(work, "out"), sizes,
                             args.baseline_at_scale or args.quick)
         results = {key: measure(case, settings) for key, case in cases.items()}
     finally:
         server.stop()
+    # The raw runs first, so that they survive a failure in the figures below.
+    with open(os.path.join(args.build, "bench-results.json"), "w") as out:
+        json.dump({key: {"label": r.case.label, "a": side_json(r.a), "b": side_json(r.b)}
+                   for key, r in results.items()}, out, indent=1)
     notes, targets = figures(results, sizes)
     elapsed = datetime.datetime.now() - started
 
@@ -127,9 +133,6 @@ def main():
     if not args.no_micro:
         print(micro(os.path.join(programs, "retra-micro"), args.micro_min_time))
 
-    with open(os.path.join(args.build, "bench-results.json"), "w") as out:
-        json.dump({key: {"label": r.case.label, "a": side_json(r.a), "b": side_json(r.b)}
-                   for key, r in results.items()}, out, indent=1)
     return 0
 
 

@@ -7,6 +7,8 @@
    to the middle count.
 5. Memory: peak RSS per kept response (--keep) between a small and a large count, both programs
    writing all requests at once.
+6. The service: the GETs of 1. through retrad with the client library (A) against the library
+   in the same process (B); the service's memory growth per stored request.
 """
 
 import os
@@ -49,8 +51,9 @@ def size_text(size):
     return "%d GiB" % (size // GIB) if size >= GIB else "%d MiB" % (size // MIB)
 
 
-def build_cases(library, baseline, server, out_dir, sizes, baseline_at_scale):
-    """The cases in the order they run, by key."""
+def build_cases(library, baseline, remote, server, out_dir, sizes, baseline_at_scale):
+    """The cases in the order they run, by key. `remote` is the service host's program with the
+    arguments that name the service."""
     def argv(program, path, count, *extra):
         return [program, server.url(path), str(count)] + list(extra)
 
@@ -83,6 +86,9 @@ def build_cases(library, baseline, server, out_dir, sizes, baseline_at_scale):
             "5. %d kept, all at once" % count,
             argv(library, SMALL_FILE, count, *small, "--keep"),
             argv(baseline, SMALL_FILE, count, *small, "--keep"))
+    cases["service"] = Case("6. %d GETs, A retrad, B local" % n,
+                            argv(remote[0], SMALL_FILE, n, *small, *remote[1:]),
+                            argv(library, SMALL_FILE, n, *small))
     return cases
 
 
@@ -179,6 +185,20 @@ def figures(results, sizes):
     if "a" in per_response and "b" in per_response:
         above = per_response["a"] - per_response["b"]
     targets.append(Target("5. peak KiB per response, A - B", above, 8, True))
+
+    # The service against the library in the process: wall time, and what the service keeps
+    # per stored request (its resident growth from the first write to the last finish).
+    service = results["service"]
+    service_ratio = None
+    if service.a.ok and service.b.ok:
+        service_ratio = ratio(service.a.wall(), service.b.wall())
+        notes["service"] = ("A %.3g s, B %.3g s first write to last finish; retrad +%.1f MiB, "
+                            "%.2f KiB/request, %.3f s CPU" % (
+                                service.a.reported("seconds"), service.b.reported("seconds"),
+                                service.a.reported("service_rss_growth_kib") / 1024,
+                                service.a.reported("service_rss_growth_kib") / sizes.get_count,
+                                service.a.reported("service_cpu_seconds")))
+    targets.append(Target("6. service wall time A/B", service_ratio, 1.30, True))
     return notes, targets
 
 

@@ -1,10 +1,12 @@
-"""Smoke test of the two benchmark programs: each fetches small bodies into memory, larger
-bodies into files and keeps its responses, from a private loopback nginx, and passes its own
-checks; a missing file and a wrong expected size must make each of them fail. Correctness only:
-no timing is asserted.
+"""Smoke test of the benchmark programs: each fetches small bodies into memory, larger bodies
+into files and keeps its responses, from a private loopback nginx, and passes its own checks; a
+missing file and a wrong expected size must make each of them fail. Correctness only: no timing
+is asserted.
 
     bench_smoke.py --retra-bench build/bench/bench/retra-bench \
-                   --curl-baseline build/bench/bench/curl-baseline
+                   --curl-baseline build/bench/bench/curl-baseline \
+                   --retra-remote-bench build/bench/bench/retra-remote-bench \
+                   --retrad build/bench/tools/retrad/retrad
 """
 
 import argparse
@@ -47,30 +49,32 @@ def expect_failure(argv):
     raise RunFailed("%s succeeded where it should have failed" % " ".join(argv))
 
 
-def check_program(program, server, work):
+def check_program(program, server, work, extra=()):
     small = server.url("/small.bin")
     large = server.url("/large.bin")
-    expect_success([program, small, "20"], 20, SMALL)
-    expect_success([program, small, "20", "--expect-size", str(SMALL), "--keep"], 20, SMALL)
+    expect_success([program, small, "20", *extra], 20, SMALL)
+    expect_success([program, small, "20", "--expect-size", str(SMALL), "--keep", *extra], 20, SMALL)
     out_dir = os.path.join(work, os.path.basename(program) + "-out")
-    expect_success([program, large, "3", "--output-dir", out_dir], 3, LARGE)
+    expect_success([program, large, "3", "--output-dir", out_dir, *extra], 3, LARGE)
     for i in range(3):
         if os.path.getsize(os.path.join(out_dir, "body-%d" % i)) != LARGE:
             raise RunFailed("%s wrote a short body-%d" % (program, i))
     url_file = os.path.join(work, "urls.txt")
     with open(url_file, "w") as out:
         out.write("# two files, taken in turn\n%s\n%s\n" % (small, large))
-    run = run_child([program, url_file, "4"], timeout=60)
+    run = run_child([program, url_file, "4", *extra], timeout=60)
     if run.report["failures"] != 0 or run.report["bytes"] != 2 * (SMALL + LARGE):
         raise RunFailed("%s on a URL file reported %s" % (program, run.report))
-    expect_failure([program, server.url("/missing.bin"), "2"])
-    expect_failure([program, small, "2", "--expect-size", str(SMALL + 1)])
+    expect_failure([program, server.url("/missing.bin"), "2", *extra])
+    expect_failure([program, small, "2", "--expect-size", str(SMALL + 1), *extra])
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--retra-bench", required=True)
     parser.add_argument("--curl-baseline", required=True)
+    parser.add_argument("--retra-remote-bench", required=True)
+    parser.add_argument("--retrad", required=True, help="the service retra-remote-bench starts")
     args = parser.parse_args()
     with tempfile.TemporaryDirectory(prefix="retra-bench-smoke-") as work:
         root = os.path.join(work, "root")
@@ -79,8 +83,9 @@ def main():
         server = NginxServer(os.path.join(work, "nginx"), root)
         server.start()
         try:
-            for program in (args.retra_bench, args.curl_baseline):
-                check_program(program, server, work)
+            for program, extra in ((args.retra_bench, ()), (args.curl_baseline, ()),
+                                   (args.retra_remote_bench, ("--retrad", args.retrad))):
+                check_program(program, server, work, extra)
                 print("%s: ok" % os.path.basename(program))
         except RunFailed as failure:
             print(failure, file=sys.stderr)

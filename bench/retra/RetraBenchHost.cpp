@@ -13,6 +13,7 @@
 #include "Retra/model/Response.h"
 #include "Retra/model/ResponseDir.h"
 #include "common/BenchPlan.h"
+#include "retra/ResponseOutcome.h"
 
 namespace RetraBench {
 namespace {
@@ -89,21 +90,8 @@ void RetraBenchHost::writeRequests() {
 void RetraBenchHost::handleFinished(const Retra::Response& response) {
   const auto it = index_.find(response.requestKey());
   if (it == index_.end() || finished_[it->second]) return;  // a refresh, with --keep
-  const size_t index = it->second;
-  finished_[index] = true;
-  Outcome outcome;
-  outcome.index = index;
-  outcome.status = response.statusCode();
-  outcome.transferOk = response.lastError() == Retra::errNone;
-  if (!outcome.transferOk) {
-    outcome.error = Retra::stringValue(response.lastError()).str();
-    if (!response.lastErrorMessage().empty()) {
-      outcome.error += " (" + response.lastErrorMessage().str() + ")";
-    }
-  }
-  outcome.bodyBytes = response.body().size();
-  outcome.announcedLength = response.contentLengthDownload();
-  finishedQueue_.push_back(std::move(outcome));
+  finished_[it->second] = true;
+  finishedQueue_.push_back(responseOutcome(it->second, response));
   if (++finishedCount_ == options_.count) lastFinish_ = monotonicSeconds();
 }
 

@@ -17,3 +17,21 @@ await_port() {
     fi
   done
 }
+
+# Waits until something accepts connections on the Unix socket $1, at most $2 seconds
+# (default 10).
+await_unix_socket() {
+  local path=$1 limit=${2:-10}
+  python3 - "$path" "$limit" <<'PY'
+import socket, sys, time
+path, deadline = sys.argv[1], time.monotonic() + float(sys.argv[2])
+while True:
+    try:
+        socket.socket(socket.AF_UNIX).connect(path)
+        break
+    except OSError:
+        if time.monotonic() > deadline:
+            sys.exit("nothing listens on %s after %ss" % (path, sys.argv[2]))
+        time.sleep(0.1)
+PY
+}
