@@ -58,12 +58,16 @@ void FrameChannel::send(std::string_view payload) {
     fd_->notifyOnWritableIs(true);
     return;
   }
+  // Written when the socket reports writable, once per loop turn for all the turn's messages,
+  // rather than one system call per message.
   appendFrame(out_, payload);
-  if (!fd_->notifyOnWritable()) writeQueued();
+  fd_->notifyOnWritableIs(true);
 }
 
 void FrameChannel::close() {
   if (descriptor_ < 0) return;
+  // What is queued (a refusal, say) goes out if the socket takes it now.
+  if (!failPending_ && queuedBytes() > 0) writeQueued();
   if (watch_) watch_->notifierIs(nullptr);
   fd_->notifyOnReadableIs(false);
   fd_->notifyOnWritableIs(false);

@@ -80,7 +80,7 @@ TEST_F(ServiceGuardTest, KillNineLosesNoAcknowledgedWriteAndBringsBackNoWithdraw
         for (int i = 0; i < 100 && written < 1000; ++i, ++written) {
           remote->retraRequest()->requestIs(request("/r?n=" + std::to_string(written)));
         }
-        return remote->acknowledged() >= 500;
+        return remote->acknowledged() >= 500 && !withdrawn.empty();
       },
       "the first acknowledgements"));
   service.killAndRestart();
