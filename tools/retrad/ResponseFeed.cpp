@@ -103,11 +103,7 @@ void ResponseFeed::attributeChanged(Orb::AttributeId attribute) {
   if (attribute == Attr::counter || attribute == Attr::timer) {
     // A child came or went: watchers get the whole response again.
     watchChildren();
-    if (watched()) {
-      for (std::string& message : snapshot()) {
-        space_->publish(response_->requestKey(), std::move(message));
-      }
-    }
+    if (watched()) space_->publish(response_->requestKey(), {}, UserSpace::Change::snapshot);
     return;
   }
   if (!watched()) return;

@@ -76,12 +76,7 @@ void UserSpace::handleResponse(const Retra::RequestKey& key) {
   if (it != feeds_.end()) return;
   auto feed = Orb::allocate<ResponseFeed>(this, response);
   feeds_.emplace(key, feed);
-  if (!isWatched(key)) return;
-  bool first = true;
-  for (std::string& message : feed->snapshot()) {
-    publish(key, std::move(message), first ? Change::state : Change::plain);
-    first = false;
-  }
+  if (isWatched(key)) publish(key, {}, Change::snapshot);
 }
 
 void UserSpace::watchAll(ClientSession* session, uint64_t id) {
@@ -143,9 +138,20 @@ void UserSpace::flush() {
     deliver(key, queued[it->second].message);
     held.erase(it);
   };
+  // A snapshot is made of the response as the turn left it, once: what the turn changed after
+  // asking for it is in it already.
+  Orb::HashMap<Retra::RequestKey, bool> snapshotted;
   for (size_t i = 0; i < queued.size(); ++i) {
     const Queued& change = queued[i];
+    if (snapshotted.contains(change.key)) continue;
     if (change.kind != Change::plain) release(change.key);
+    if (change.kind == Change::snapshot) {
+      auto feed = feeds_.find(change.key);
+      if (feed == feeds_.end()) continue;  // gone again within the turn
+      snapshotted.emplace(change.key, true);
+      for (const std::string& message : feed->second->snapshot()) deliver(change.key, message);
+      continue;
+    }
     if (change.kind == Change::finished) {
       held.emplace(change.key, i);
       heldOrder.push_back(i);

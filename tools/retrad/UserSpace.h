@@ -33,7 +33,8 @@ class ResponseFeed;
 // themselves out (`sessionGone`) when they close.
 class UserSpace {
  public:
-  enum class Change { plain, state, finished };
+  // `snapshot` asks for the response's whole snapshot, made when the turn's changes go out.
+  enum class Change { plain, state, finished, snapshot };
 
   explicit UserSpace(uint32_t uid);
   ~UserSpace();
@@ -58,7 +59,7 @@ class UserSpace {
   void sessionGone(ClientSession* session);
 
   [[nodiscard]] bool isWatched(const Retra::RequestKey& key) const;
-  // Queues a change message of `key`'s response for its watchers.
+  // Queues a change message of `key`'s response for its watchers (none for a snapshot).
   void publish(const Retra::RequestKey& key, std::string message, Change kind = Change::plain);
 
   // Stops the engine; the user space is dropped after.
