@@ -13,17 +13,6 @@ namespace {
 
 enum class ChangeOp : uint8_t { set = 0, memberSet = 1, memberDel = 2, append = 3 };
 
-// A visitor for `forEachAttribute` made of three callables, one per kind.
-template <class S, class C, class K>
-struct Visitor {
-  S scalar;
-  C collection;
-  K child;
-};
-template <class S, class C, class K>
-Visitor(S, C, K) -> Visitor<S, C, K>;
-constexpr auto ignore = [](auto&&...) {};
-
 template <class Get, class E>
 using ValueOf = std::decay_t<decltype(std::declval<Get>()(std::declval<const E&>()))>;
 
@@ -40,20 +29,21 @@ template <class F>
 void forEachEntry(const Response& response, F&& entry) {
   auto visitEntity = [&](Orb::AttributeId target, const auto& entity) {
     using E = std::decay_t<decltype(entity)>;
-    E::forEachAttribute(
-        Visitor{[&](Orb::AttributeId id, const char*, auto get, auto) {
-                  entry(target, id, [&](Orb::AttrLogOut& out) { writeAttr(out, get(entity)); });
-                },
-                [&](Orb::AttributeId id, const char*, auto get, auto, auto) {
-                  entry(target, id, [&](Orb::AttrLogOut& out) { writeAttr(out, get(entity)); });
-                },
-                ignore});
+    E::forEachAttribute(Orb::AttributeVisitor{
+        [&](Orb::AttributeId id, const char*, auto get, auto) {
+          entry(target, id, [&](Orb::AttrLogOut& out) { writeAttr(out, get(entity)); });
+        },
+        [&](Orb::AttributeId id, const char*, auto get, auto, auto) {
+          entry(target, id, [&](Orb::AttrLogOut& out) { writeAttr(out, get(entity)); });
+        },
+        Orb::ignoreAttribute});
   };
   visitEntity(responseTarget, response);
   Response::forEachAttribute(
-      Visitor{ignore, ignore, [&](Orb::AttributeId id, const char*, auto get, auto) {
-                if (auto child = get(response)) visitEntity(id, *child);
-              }});
+      Orb::AttributeVisitor{Orb::ignoreAttribute, Orb::ignoreAttribute,
+                            [&](Orb::AttributeId id, const char*, auto get, auto) {
+                              if (auto child = get(response)) visitEntity(id, *child);
+                            }});
 }
 
 // Reads one value into the attribute `attribute` of `entity` through its mutators: a scalar's
@@ -62,57 +52,54 @@ void forEachEntry(const Response& response, F&& entry) {
 template <class E>
 void applyValue(Orb::AttrLogIn& in, E& entity, Orb::AttributeId attribute, ChangeOp op) {
   bool found = false;
-  E::forEachAttribute(Visitor{[&](Orb::AttributeId id, const char*, auto get, auto set) {
-                                if (id != attribute || found) return;
-                                found = true;
-                                using T = ValueOf<decltype(get), E>;
-                                if (op == ChangeOp::append) {
-                                  if constexpr (std::is_same_v<T, Orb::String>) {
-                                    const Orb::String piece = in.readString();
-                                    set(entity, get(entity) + piece);
-                                    return;
-                                  }
-                                  Orb::throwParseException(
-                                      "append to an attribute that is no string");
-                                }
-                                if (op != ChangeOp::set)
-                                  Orb::throwParseException("member change of a scalar");
-                                T value{};
-                                readAttr(in, &value);
-                                set(entity, value);
-                              },
-                              [&](Orb::AttributeId id, const char*, auto get, auto set, auto del) {
-                                if (id != attribute || found) return;
-                                found = true;
-                                using Map = ValueOf<decltype(get), E>;
-                                using K = typename Map::key_type;
-                                using V = typename Map::mapped_type;
-                                if (op == ChangeOp::set) {
-                                  Map incoming;
-                                  readAttr(in, &incoming);
-                                  std::vector<K> gone;
-                                  for (const auto& member : get(entity)) {
-                                    if (!incoming.contains(member.first))
-                                      gone.push_back(member.first);
-                                  }
-                                  for (const K& key : gone) del(entity, key);
-                                  for (const auto& member : incoming)
-                                    set(entity, member.first, member.second);
-                                  return;
-                                }
-                                K key{};
-                                readAttr(in, &key);
-                                if (op == ChangeOp::memberDel) {
-                                  del(entity, key);
-                                } else if (op == ChangeOp::memberSet) {
-                                  V value{};
-                                  readAttr(in, &value);
-                                  set(entity, key, value);
-                                } else {
-                                  Orb::throwParseException("append to a collection");
-                                }
-                              },
-                              ignore});
+  E::forEachAttribute(Orb::AttributeVisitor{
+      [&](Orb::AttributeId id, const char*, auto get, auto set) {
+        if (id != attribute || found) return;
+        found = true;
+        using T = ValueOf<decltype(get), E>;
+        if (op == ChangeOp::append) {
+          if constexpr (std::is_same_v<T, Orb::String>) {
+            const Orb::String piece = in.readString();
+            set(entity, get(entity) + piece);
+            return;
+          }
+          Orb::throwParseException("append to an attribute that is no string");
+        }
+        if (op != ChangeOp::set) Orb::throwParseException("member change of a scalar");
+        T value{};
+        readAttr(in, &value);
+        set(entity, value);
+      },
+      [&](Orb::AttributeId id, const char*, auto get, auto set, auto del) {
+        if (id != attribute || found) return;
+        found = true;
+        using Map = ValueOf<decltype(get), E>;
+        using K = typename Map::key_type;
+        using V = typename Map::mapped_type;
+        if (op == ChangeOp::set) {
+          Map incoming;
+          readAttr(in, &incoming);
+          std::vector<K> gone;
+          for (const auto& member : get(entity)) {
+            if (!incoming.contains(member.first)) gone.push_back(member.first);
+          }
+          for (const K& key : gone) del(entity, key);
+          for (const auto& member : incoming) set(entity, member.first, member.second);
+          return;
+        }
+        K key{};
+        readAttr(in, &key);
+        if (op == ChangeOp::memberDel) {
+          del(entity, key);
+        } else if (op == ChangeOp::memberSet) {
+          V value{};
+          readAttr(in, &value);
+          set(entity, key, value);
+        } else {
+          Orb::throwParseException("append to a collection");
+        }
+      },
+      Orb::ignoreAttribute});
   if (found) return;
   // A newer peer's attribute: its payload is skipped.
   if (op == ChangeOp::memberSet) in.skipValue();
@@ -125,11 +112,12 @@ void applyTo(Orb::AttrLogIn& in, Response& response, Orb::AttributeId target,
   if (target == responseTarget) return applyValue(in, response, attribute, op);
   bool found = false;
   Response::forEachAttribute(
-      Visitor{ignore, ignore, [&](Orb::AttributeId id, const char*, auto, auto make) {
-                if (id != target || found) return;
-                found = true;
-                applyValue(in, *make(response), attribute, op);
-              }});
+      Orb::AttributeVisitor{Orb::ignoreAttribute, Orb::ignoreAttribute,
+                            [&](Orb::AttributeId id, const char*, auto, auto make) {
+                              if (id != target || found) return;
+                              found = true;
+                              applyValue(in, *make(response), attribute, op);
+                            }});
   if (found) return;
   if (op == ChangeOp::memberSet) in.skipValue();
   in.skipValue();
@@ -199,8 +187,8 @@ std::string encodeMemberChange(const Response& response, Orb::AttributeId attrib
   auto out = startMessage(MessageType::change, response.requestKey());
   out.writeU32(responseTarget);
   out.writeU32(attribute);
-  Response::forEachAttribute(Visitor{
-      ignore,
+  Response::forEachAttribute(Orb::AttributeVisitor{
+      Orb::ignoreAttribute,
       [&](Orb::AttributeId id, const char*, auto get, auto, auto) {
         if (id != attribute) return;
         if constexpr (std::is_same_v<typename ValueOf<decltype(get), Response>::key_type, K>) {
@@ -211,7 +199,7 @@ std::string encodeMemberChange(const Response& response, Orb::AttributeId attrib
           if (it != map.end()) writeAttr(out, it->second);
         }
       },
-      ignore});
+      Orb::ignoreAttribute});
   return out.bytes();
 }
 template std::string encodeMemberChange(const Response&, Orb::AttributeId, const Orb::String&);

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "Orb/ActivityManager.h"
+#include "Retra/model/FetchFinishWatch.h"
 #include "Retra/model/Request.h"
 #include "Retra/model/RequestDir.h"
 #include "Retra/model/Response.h"
@@ -20,30 +21,6 @@ constexpr double kGraceSeconds = 30;
 constexpr Orb::Seconds kConnectLimit = 10.0;
 
 }  // namespace
-
-// Hears of each response the mirror gains.
-class RemoteBenchHost::DirectoryWatch : public Retra::ResponseDir::NotifieeConst {
- public:
-  explicit DirectoryWatch(RemoteBenchHost* host) : host_(host) {}
-  void onResponse(const Retra::RequestKey& key) override { host_->handleResponse(key); }
-
- private:
-  RemoteBenchHost* host_;
-};
-
-// Watches one mirrored response until it has finished. Its figures are read between loop turns:
-// a snapshot applies the state before the attributes that follow it.
-class RemoteBenchHost::ResponseWatch : public Retra::Response::NotifieeConst {
- public:
-  ResponseWatch(RemoteBenchHost* host, size_t index) : host_(host), index_(index) {}
-  void onRequestState() override {
-    if (notifierPtr() && notifierPtr()->finished()) host_->handleFinished(index_);
-  }
-
- private:
-  RemoteBenchHost* host_;
-  size_t index_;
-};
 
 RemoteBenchHost::RemoteBenchHost(const BenchOptions& options) : options_(options), tally_(options) {
   report_.program = options.program;
@@ -82,15 +59,16 @@ void RemoteBenchHost::start() {
                               "refused by the service: " + text, 0, -1});
         if (++finishedCount_ == options_.count) lastFinish_ = monotonicSeconds();
       });
-  directoryWatch_ = Orb::allocate<DirectoryWatch>(this);
-  directoryWatch_->notifierIs(root_->retraResponse());
+  finishWatch_ = Retra::FetchFinishWatch::FetchFinishWatchIs(
+      root_->retraResponse(),
+      [this](const Retra::Response& response) { handleFinished(response); });
   (void)Orb::activityManager()->runUntil(
       [this] { return root_->synced() || !root_->connectError().empty(); }, kConnectLimit);
   if (!root_->synced()) {
     throw std::runtime_error("no connection to the service: " + root_->connectError().str());
   }
   keys_.reserve(options_.count);
-  watches_.resize(options_.count);
+  finished_.assign(options_.count, false);
   report_.startSeconds = monotonicSeconds() - begin;
 }
 
@@ -110,17 +88,11 @@ void RemoteBenchHost::writeRequests() {
   }
 }
 
-void RemoteBenchHost::handleResponse(const Retra::RequestKey& key) {
-  const auto it = indexOf_.find(key);
-  const Orb::Ptr<Retra::Response> response = root_->retraResponse()->response(key);
-  if (it == indexOf_.end() || !response || watches_[it->second]) return;
-  watches_[it->second] = Orb::allocate<ResponseWatch>(this, it->second);
-  watches_[it->second]->notifierIs(response);
-  if (response->finished()) handleFinished(it->second);
-}
-
-void RemoteBenchHost::handleFinished(size_t index) {
-  finishedQueue_.push_back(index);
+void RemoteBenchHost::handleFinished(const Retra::Response& response) {
+  const auto it = indexOf_.find(response.requestKey());
+  if (it == indexOf_.end() || finished_[it->second]) return;
+  finished_[it->second] = true;
+  finishedQueue_.push_back(it->second);
   if (++finishedCount_ == options_.count) lastFinish_ = monotonicSeconds();
 }
 
@@ -142,7 +114,7 @@ void RemoteBenchHost::loop() {
   }
 }
 
-// Checks what finished since the last turn from the mirror and lets its watch go.
+// Checks what finished since the last turn from the mirror.
 void RemoteBenchHost::takeFinished() {
   const Orb::Ptr<Retra::ResponseDir> responses = root_->retraResponse();
   finishedTaken_.clear();
@@ -153,20 +125,12 @@ void RemoteBenchHost::takeFinished() {
     } else {
       tally_.record(Outcome{index, 0, false, "gone from the mirror", 0, -1});
     }
-    if (Orb::Ptr<ResponseWatch>& watch = watches_[index]) {
-      watch->notifierIs(static_cast<const Retra::Response*>(nullptr));
-      watch = nullptr;
-    }
   }
 }
 
 void RemoteBenchHost::stop() {
   const double begin = monotonicSeconds();
-  for (Orb::Ptr<ResponseWatch>& watch : watches_) {
-    if (watch) watch->notifierIs(static_cast<const Retra::Response*>(nullptr));
-    watch = nullptr;
-  }
-  directoryWatch_->notifierIs(static_cast<const Retra::ResponseDir*>(nullptr));
+  finishWatch_ = nullptr;
   root_->close();
   root_ = nullptr;
   Orb::ActivityManager* manager = Orb::activityManager();

@@ -5,6 +5,7 @@
 
 #include "Orb/HashMap.h"
 #include "Orb/Ptr.h"
+#include "Retra/model/FetchFinishWatch.h"
 #include "Retra/model/RequestKey.h"
 #include "Retra/remote/RemoteRoot.h"
 #include "common/BenchOptions.h"
@@ -37,26 +38,22 @@ class RemoteBenchHost {
   [[nodiscard]] int run();
 
  private:
-  class DirectoryWatch;
-  class ResponseWatch;
-
   void start();
   void writeRequests();
   void loop();
   void takeFinished();
   void stop();
-  void handleResponse(const Retra::RequestKey& key);
-  void handleFinished(size_t index);
+  void handleFinished(const Retra::Response& response);
 
   const BenchOptions& options_;
   BenchTally tally_;
   BenchReport report_;
   std::unique_ptr<BenchService> service_;
   Orb::Ptr<Retra::RemoteRoot> root_;
-  Orb::Ptr<DirectoryWatch> directoryWatch_;
+  Orb::Ptr<Retra::FetchFinishWatch> finishWatch_;
   std::vector<Retra::RequestKey> keys_;
   Orb::HashMap<Retra::RequestKey, size_t> indexOf_;
-  std::vector<Orb::Ptr<ResponseWatch>> watches_;
+  std::vector<bool> finished_;         // by index, once its fetch finished
   std::vector<size_t> finishedQueue_;  // finished on the mirror, not yet checked
   std::vector<size_t> finishedTaken_;  // being checked
   size_t finishedCount_ = 0;

@@ -18,15 +18,6 @@ namespace {
 using Retra::Response;
 using RetraTest::LoopbackHttpServer;
 
-template <class S, class C, class K>
-struct Visitor {
-  S scalar;
-  C collection;
-  K child;
-};
-template <class S, class C, class K>
-Visitor(S, C, K) -> Visitor<S, C, K>;
-
 // Attributes that differ between two fetches of the same URL: when, and how fast.
 bool differsByFetch(const std::string& name) {
   return name == "lastUpdateTime" || name == "lastChangeTime" || name == "speedDownload" ||
@@ -40,10 +31,10 @@ std::string differences(const E& a, const E& b) {
   auto same = [&](const char* name, const auto& x, const auto& y) {
     if (!differsByFetch(name) && !(x == y)) found += std::string(name) + " ";
   };
-  E::forEachAttribute(Visitor{
+  E::forEachAttribute(Orb::AttributeVisitor{
       [&](Orb::AttributeId, const char* name, auto get, auto) { same(name, get(a), get(b)); },
       [&](Orb::AttributeId, const char* name, auto get, auto, auto) { same(name, get(a), get(b)); },
-      [](auto&&...) {}});
+      Orb::ignoreAttribute});
   return found;
 }
 

@@ -253,6 +253,21 @@
     LIST(ORB_ENTITY_VISIT)                \
   }
 
+namespace Orb {
+// A visitor for `forEachAttribute` made of three callables, one per kind; `ignoreAttribute` for
+// a kind of no interest:
+//   Entity::forEachAttribute(Orb::AttributeVisitor{onScalar, Orb::ignoreAttribute, onChild});
+template <class S, class C, class K>
+struct AttributeVisitor {
+  S scalar;
+  C collection;
+  K child;
+};
+template <class S, class C, class K>
+AttributeVisitor(S, C, K) -> AttributeVisitor<S, C, K>;
+inline constexpr auto ignoreAttribute = [](auto&&...) {};
+}  // namespace Orb
+
 #define ORB_NOTIFIEE_FORWARDERS(kind, ...) ORB_NOTIFIEE_FORWARDERS_##kind(__VA_ARGS__)
 #define ORB_NOTIFIEE_FORWARDERS_FIXED(...)
 #define ORB_NOTIFIEE_FORWARDERS_DERIVED(...)
