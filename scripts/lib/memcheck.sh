@@ -11,10 +11,11 @@
 # (20 unless set). valgrind's logs end up in <build>/Testing/Temporary/MemoryChecker.*.log (a
 # traced retra-fetch writes into the log of the test that ran it).
 #
-# The soak test and retra-fetch's DNS outage test are left out (MEMCHECK_EXCLUDE, a ctest -E
-# pattern): both run on the clock (minutes of refreshes, an outage of fixed length), which
-# valgrind's slowdown would stretch past their limits, and the soak's heap measurement reads the
-# C library's allocator, which valgrind replaces.
+# The soak suite (the long soak and the service's scale test) and retra-fetch's DNS outage test
+# are left out (MEMCHECK_EXCLUDE, a ctest -E pattern): they run on the clock or at a scale
+# (minutes of refreshes, an outage of fixed length, a hundred thousand requests) that valgrind's
+# slowdown would stretch past their limits, and the soak's heap measurement reads the C
+# library's allocator, which valgrind replaces.
 #
 #   source scripts/lib/memcheck.sh
 #   memcheck_suite build/debug
@@ -56,7 +57,7 @@ memcheck_suite() {
     --overwrite "MemoryCheckCommandOptions=${options[*]}" \
     --overwrite "MemoryCheckSuppressionFile=$suppressions" \
     --output-on-failure -j "${MEMCHECK_JOBS:-2}" --timeout "${MEMCHECK_TIMEOUT:-1500}" \
-    -E "${MEMCHECK_EXCLUDE:-^(SoakTest|RetraFetchOutageTest)\\.}" "${@:2}" || status=$?
+    -E "${MEMCHECK_EXCLUDE:-^(SoakTest|ServiceScaleTest|RetraFetchOutageTest)\\.}" "${@:2}" || status=$?
   # valgrind writes to its own logs: show those that hold a finding.
   local log
   for log in "$build"/Testing/Temporary/MemoryChecker.*.log; do
