@@ -1,5 +1,5 @@
 // The service keeps what it acknowledged and nothing else: kill -9 in the middle of a thousand
-// writes, ephemeral requests of a closed connection, bad frames and over-limit writes, a client
+// writes, ephemeral requests of a closed or killed client, bad frames and over-limit writes, a client
 // that stops reading, and clients of another uid.
 
 #include <gtest/gtest.h>
@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <functional>
 #include <set>
 #include <string>
@@ -113,6 +114,31 @@ TEST_F(ServiceGuardTest, EphemeralRequestsLeaveWithTheirConnectionAndSlowReaders
     ASSERT_TRUE(await([&] { return watcher->retraResponse()->response().size() == 1; }, "it"));
     ephemeral->close();
   }
+  EXPECT_TRUE(await([&] { return watcher->retraResponse()->response().empty(); }, "withdrawal"));
+  EXPECT_TRUE(listed(service).empty());
+
+  // A client process killed with its watch open and an ephemeral request written: the request
+  // goes with it, the service goes on.
+  int ready[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  const pid_t client = ::fork();
+  if (client == 0) {
+    RawClient raw(service.socketPath());
+    raw.handshake();
+    raw.sendFrame(Retra::Wire::encodeWatch(1, true, RequestKey()));
+    raw.sendFrame(Retra::Wire::encodeWriteRequest(2, true, request("/e")));
+    raw.nextReply();  // the watch's
+    raw.nextReply();  // the write's
+    (void)!::write(ready[1], "r", 1);
+    ::pause();
+  }
+  char byte = 0;
+  ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+  ::close(ready[0]);
+  ::close(ready[1]);
+  ASSERT_TRUE(await([&] { return watcher->retraResponse()->response().size() == 1; }, "it"));
+  ::kill(client, SIGKILL);
+  ::waitpid(client, nullptr, 0);
   EXPECT_TRUE(await([&] { return watcher->retraResponse()->response().empty(); }, "withdrawal"));
   EXPECT_TRUE(listed(service).empty());
 
