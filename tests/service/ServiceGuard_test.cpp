@@ -1,6 +1,6 @@
 // The service keeps what it acknowledged and nothing else: kill -9 in the middle of a thousand
-// writes, ephemeral requests of a closed or killed client, bad frames and over-limit writes, a client
-// that stops reading, and clients of another uid.
+// writes, ephemeral requests of a closed or killed client, bad frames and over-limit writes, a
+// client that stops reading, and clients of another uid.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
