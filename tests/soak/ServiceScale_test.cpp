@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 
 #include <chrono>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -42,6 +43,10 @@ TEST(ServiceScaleTest, AThousandClientsWriteAHundredThousandRequestsAllAcknowled
           Retra::GET,
           nginx.httpUrl("/small.txt?c=" + std::to_string(c) + "&i=" + std::to_string(i))));
       request.timeoutRefreshIs(86400);
+      // Every request waits inside libcurl from its dispatch: the batch's last ones wait for
+      // most of it, longer than the default minute on a loaded machine.
+      request.timeoutConnectIs(900);
+      request.timeoutRequestIs(900);
       Retra::Wire::appendFrame(frames,
                                Retra::Wire::encodeWriteRequest(uint64_t(i + 1), false, request));
     }
@@ -75,7 +80,21 @@ TEST(ServiceScaleTest, AThousandClientsWriteAHundredThousandRequestsAllAcknowled
     if (finished == lister.listing.size()) break;
     std::this_thread::sleep_for(std::chrono::seconds(2));
   }
-  EXPECT_EQ(finished, size_t(kClients * kRequestsPerClient));
+  EXPECT_EQ(finished, size_t(kClients * kRequestsPerClient)) << [&] {
+    RawClient lister(service.socketPath());
+    lister.handshake();
+    lister.sendFrame(Retra::Wire::encodeList(1, false));
+    lister.nextReply(120);
+    std::map<std::string, int> outcomes;  // what the others show
+    for (const auto& item : lister.listing) {
+      ++outcomes[std::to_string(item.state) + "/" + std::to_string(item.statusCode) + "/" +
+                 std::to_string(item.lastError)];
+    }
+    std::string text;
+    for (const auto& [outcome, count] : outcomes)
+      text += outcome + ": " + std::to_string(count) + "\n";
+    return text;
+  }();
   EXPECT_TRUE(service.isRunning());
 }
 
